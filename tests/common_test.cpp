@@ -1,0 +1,205 @@
+// The common foundation: the JSON wrapper, the configuration store, the
+// stopwatch and the string utilities.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "common/chrono.h"
+#include "common/config.h"
+#include "common/json.h"
+#include "common/utils.h"
+
+namespace cache {
+namespace {
+
+// The AERROR that `action` throws, or AE_OK when it throws nothing.
+template <class Action>
+AERROR Thrown(Action action) {
+    try {
+        action();
+    } catch (AERROR error) {
+        return error;
+    }
+    return AE_OK;
+}
+
+TEST(JsonTest, PathLookupAndParseFailures) {
+    Json doc(R"({"a":{"b":5}})");
+    for (const char* path : {"/a/b", "a/b", "//a//b"}) {
+        EXPECT_EQ(5, static_cast<long long>(doc.GetObject(path))) << path;
+    }
+    EXPECT_EQ(5, static_cast<long long>(doc.GetObject("/a").GetObject("b")));
+    EXPECT_EQ(R"({"b":5})", doc.GetObject("/").GetObject("a").ToText());
+    for (const char* path : {"/a/c", "/a/b/c", "/x/a"}) EXPECT_FALSE(doc.HasObject(path)) << path;
+    EXPECT_EQ(AE_NOT_FOUND, Thrown([&] { doc.GetObject("/a/c"); }));
+
+    // Text that does not parse throws 6001, but not from the form with flags.
+    const std::string bad = R"({"a":)";
+    EXPECT_EQ(AE_INVALID_CONFIG, Thrown([&] { Json parsed(bad.c_str()); }));
+    EXPECT_EQ(AE_INVALID_CONFIG, Thrown([&] { Json parsed(bad.c_str(), bad.size()); }));
+    Json unparsed(bad.c_str(), bad.size(), 0);
+    EXPECT_FALSE(unparsed);
+    EXPECT_NE('\0', unparsed.GetError().text[0]);
+    EXPECT_FALSE(unparsed.HasObject("/"));
+    EXPECT_FALSE(unparsed.Insert("k", 1));
+    EXPECT_EQ("{}", Json(nullptr).ToText());
+}
+
+TEST(JsonTest, ConversionsBuildingAndArrays) {
+    Json doc(R"({"i":5,"r":5.0})");
+    EXPECT_EQ(0.0, static_cast<double>(doc.GetObject("i")));  // an integer is no real
+    EXPECT_EQ(5.0, static_cast<double>(doc.GetObject("r")));
+
+    // Printed without white space; an inserted object is shared, not copied.
+    Json built;
+    JsonObject inner;
+    EXPECT_TRUE(built.Insert("n", 1));
+    EXPECT_TRUE(built.Insert("w", std::wstring(L"\u00e9")));
+    EXPECT_TRUE(built.Insert("o", inner));
+    EXPECT_TRUE(inner.Insert("k", 2.5));
+    EXPECT_EQ("{\"n\":1,\"w\":\"\u00e9\",\"o\":{\"k\":2.5}}", built.ToText());
+
+    // Strings are appended to an array, objects put in front.
+    JsonObject strings, a, b, objects;
+    EXPECT_TRUE(strings.InsertArrayItem("x"));
+    EXPECT_TRUE(strings.InsertArrayItem("y"));
+    EXPECT_EQ(R"(["x","y"])", strings.ToText());
+    a.Insert("n", 1);
+    b.Insert("n", 2);
+    EXPECT_TRUE(objects.InsertArrayItem(a));
+    EXPECT_TRUE(objects.InsertArrayItem(b));
+    ASSERT_EQ(2u, objects.GetArraySize());
+    EXPECT_EQ(2, static_cast<int>(objects[0].GetObject("n")));
+    EXPECT_EQ(1, static_cast<int>(objects[1].GetObject("n")));
+    EXPECT_FALSE(objects[2].HasObject("/"));
+}
+
+TEST(ConfigTest, ValuesStayUntilAParsedTextHoldsThem) {
+    Config config(R"({"ignored":1})");
+    config.AddConfiguration("hit", "/cache/ra/hit", "3");
+    config.AddConfiguration("min", "cache/ra/min", "1048576");
+    EXPECT_EQ("3", config.GetValue("hit"));
+    config.Parse(R"({"cache":{"ra":{"hit":"7","min":"10"}}})");
+    config.Parse(R"({"cache":{"ra":{"min":"20"}}})");
+    config.Parse("");
+    EXPECT_EQ(AE_INVALID_CONFIG, Thrown([&] { config.Parse(R"({"cache":{"ra":{"hit":9)"); }));
+    EXPECT_EQ("7", config.GetValue("hit"));
+    EXPECT_EQ("20", config.GetValue("min"));
+    // Registering again starts over from the new default.
+    config.AddConfiguration("hit", "/cache/ra/hit", "4");
+    EXPECT_EQ("4", config.GetValue("hit"));
+
+    // A string gives its text, any other value its compact JSON text.
+    const std::pair<const char*, const char*> cases[] = {
+        {R"("5000")", "5000"}, {"5000", "5000"}, {"2.5", "2.5"},
+        {"true", "true"},      {"null", "null"}, {R"({"x": [1]})", R"({"x":[1]})"}};
+    for (const auto& [value, text] : cases) {
+        config.Parse(std::string(R"({"cache":{"ra":{"hit":)") + value + "}}}");
+        EXPECT_EQ(text, config.GetValue("hit")) << value;
+    }
+
+    // An unknown name reads empty and takes nothing from parsed JSON.
+    EXPECT_EQ("", config.GetValue("unknown"));
+    config.Parse(R"({"cache":{}})");
+    EXPECT_EQ("", config.GetValue("unknown"));
+    EXPECT_EQ(AE_INVALID_CONFIG, Thrown([] { Config broken("{"); }));
+}
+
+TEST(ChronoTest, MillisecondsTruncateTowardZero) {
+    const std::pair<long long, long long> cases[] = {
+        {999999, 0}, {1000000, 1}, {2999999, 2}, {-999999, 0}};
+    for (const auto& [nanoseconds, milliseconds] : cases) {
+        EXPECT_EQ(milliseconds, Chrono::Milliseconds(std::chrono::nanoseconds(nanoseconds)));
+    }
+}
+
+// Bounded from above by the clock read before the watch started, so no
+// assertion depends on how fast the machine is.
+TEST(ChronoTest, MeasuresFromConstructionOrReset) {
+    using Clock = std::chrono::steady_clock;
+    const auto constructed = Clock::now();
+    Chrono watch;
+    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    const long long slept = watch.elapsed();
+    EXPECT_GE(slept, 30);
+    EXPECT_LE(slept, Chrono::Milliseconds(Clock::now() - constructed));
+    const auto reset = Clock::now();
+    watch.reset();
+    EXPECT_LE(watch.elapsed(), Chrono::Milliseconds(Clock::now() - reset));
+}
+
+TEST(UtilsTest, WildcardMatchNarrowAndWide) {
+    // {expression, name, matches, matches ignoring case}. "a?b" ~ "a": '?'
+    // steps over the end of the name, and the rest must still fail.
+    const struct {
+        const char* expr;
+        const char* name;
+        bool exact;
+        bool ignoringCase;
+    } cases[] = {{"", "", true, true},         {"", "a", false, false},
+                 {"*", "", true, true},        {"*.txt", "a.TXT", false, true},
+                 {"*b*", "abc", true, true},   {"*x", "abc", false, false},
+                 {"a?c", "abc", true, true},   {"a?", "a", false, false},
+                 {"a?b", "a", false, false},   {"<.txt", "a.b.txt", true, true},
+                 {"<", "a.txt", false, false}, {"<.*", "a.txt", true, true},
+                 {"a<", "abc", true, true},    {"<", "abc", false, false},
+                 {"a>", "a", false, false},    {"a>b.c", "a.b.c", true, true},
+                 {"a>b", "a.b", false, false}, {"a\"", "a.", true, true},
+                 {"a\"", "a", true, true},     {"ABC", "abc", false, true}};
+    for (const auto& c : cases) {
+        const std::string expr = c.expr, name = c.name;
+        const std::wstring wideExpr(expr.begin(), expr.end()), wideName(name.begin(), name.end());
+        for (const bool ignoreCase : {false, true}) {
+            const bool expected = ignoreCase ? c.ignoringCase : c.exact;
+            EXPECT_EQ(expected, IsNameInExpressionA(c.expr, c.name, ignoreCase))
+                << c.expr << " ~ " << c.name << " ignoreCase=" << ignoreCase;
+            EXPECT_EQ(expected, IsNameInExpression(wideExpr.c_str(), wideName.c_str(), ignoreCase))
+                << "wide " << c.expr << " ~ " << c.name << " ignoreCase=" << ignoreCase;
+        }
+    }
+}
+
+TEST(UtilsTest, SplitFormatReplaceAndAscii) {
+    const struct {
+        const char* text;
+        const char* pattern;
+        std::vector<std::string> pieces;
+    } cases[] = {{"a//b", "/", {"a", "", "b"}},
+                 {"/a/b", "/", {"", "a", "b"}},
+                 {"a/", "/", {"a"}},
+                 {"abc", "/", {"abc"}},
+                 {"", "/", {""}},
+                 {"a, b,c", ",\\s*", {"a", "b", "c"}}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.pieces, split(c.text, std::regex(c.pattern))) << c.text;
+    }
+    EXPECT_EQ((std::vector<std::wstring>{L"x", L"y\u00e9"}),
+              split(std::wstring(L"x\\y\u00e9"), std::wregex(L"\\\\")));
+
+    // string_format: far longer than twice the format takes one retry.
+    EXPECT_EQ("", string_format(""));
+    EXPECT_EQ("7-ab", string_format("%d-%s", 7, "ab"));
+    const std::string longText(1000, 'x');
+    EXPECT_EQ("[" + longText + "]", string_format("[%s]", longText.c_str()));
+
+    // replace_all leaves every text as it was.
+    for (const char* text : {"aaa", "a/b/c", ""}) {
+        std::string changed = text;
+        replace_all(changed, "a", "b");
+        replace_all(changed, "", "x");
+        EXPECT_EQ(text, changed);
+    }
+    std::wstring wide = L"a/b";
+    replace_all(wide, L"/", L"\\");
+    EXPECT_EQ(L"a/b", wide);
+
+    EXPECT_TRUE(isascii(0) && isascii(127));
+    EXPECT_FALSE(isascii(128) || isascii(-1));
+}
+
+}  // namespace
+}  // namespace cache
