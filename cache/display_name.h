@@ -1,0 +1,42 @@
+// The name a store prints as [%s] in its log lines.
+//
+// A rename runs without the store's lock while other threads format log
+// lines with the name, so the text is never changed in place: a rename
+// publishes a new string and every reader holds its own reference to the one
+// it saw for as long as it formats with it.
+#ifndef CACHE_DISPLAY_NAME_H_
+#define CACHE_DISPLAY_NAME_H_
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace cache {
+
+class DisplayName {
+public:
+    explicit DisplayName(std::string text = std::string())
+        : text_(std::make_shared<const std::string>(std::move(text))) {}
+    DisplayName(const DisplayName&) = delete;
+    DisplayName& operator=(const DisplayName&) = delete;
+
+    // The current name; stays valid for as long as the caller holds it.
+    std::shared_ptr<const std::string> Get() const {
+        std::lock_guard<std::mutex> guard(lock_);
+        return text_;
+    }
+
+    void Set(std::string text) {
+        auto next = std::make_shared<const std::string>(std::move(text));
+        std::lock_guard<std::mutex> guard(lock_);
+        text_.swap(next);
+    }
+
+private:
+    mutable std::mutex lock_;  // a leaf lock, held only to copy the pointer
+    std::shared_ptr<const std::string> text_;
+};
+
+}  // namespace cache
+
+#endif  // CACHE_DISPLAY_NAME_H_

@@ -1,0 +1,74 @@
+// File helpers shared by the stores: the stream functions, positioned I/O
+// on a stream's descriptor, and the naming and private creation of cache
+// files.
+#ifndef CACHE_FILE_IO_H_
+#define CACHE_FILE_IO_H_
+
+#include <cstddef>
+#include <cstdio>
+#include <string>
+
+namespace cache {
+
+// Every remote file is cut into sectors of this many bytes; a sector is
+// named by the remote offset of its first byte.
+inline constexpr long long kSectorSize = 65536;
+
+// The sector that holds remote offset `offset` (signed, rounds toward zero
+// like the division it stands for).
+inline long long SectorOf(long long offset) { return offset - offset % kSectorSize; }
+
+// GetFileAttributes results.
+inline constexpr int kAttrNone = -1;
+inline constexpr int kAttrDirectory = 16;
+inline constexpr int kAttrRegular = 128;
+
+// kAttrRegular for a regular file, kAttrDirectory for a directory and
+// kAttrNone for anything else or when `path` cannot be stat'ed.
+int GetFileAttributes(const std::string& path);
+
+// True when `done` bytes moved, or when none did and the stream has no
+// error (a read at the end of the file succeeds with 0).
+bool IsIOSuccess(size_t done, FILE* stream);
+
+// fread / fwrite of `count` bytes at the stream's position; the count moved
+// goes to *done. The last argument is ignored.
+bool ReadFile(FILE* stream, void* destination, size_t count, size_t* done, void* unused);
+bool WriteFile(FILE* stream, const void* source, size_t count, size_t* done, void* unused);
+
+// Flushes and closes `stream`; false only for a null stream.
+bool CloseHandle(FILE* stream);
+
+// pread / pwrite of `count` bytes at `position` on the stream's descriptor,
+// retried until done, the end of the file (reads) or an error. They neither
+// use nor move the stream's position, so threads never disturb each other.
+// The count moved goes to *done; false on an error (errno is set). Writes
+// must all go through WriteAt so the stream's buffer never holds data.
+bool ReadAt(FILE* stream, long long position, void* destination, size_t count, size_t* done);
+bool WriteAt(FILE* stream, long long position, const void* source, size_t count, size_t* done);
+
+// The size of the file behind `stream` without moving its position; 0 when
+// it cannot be determined.
+long long StreamSize(FILE* stream);
+
+// Where a store keeps its cache file and how it names itself in log lines.
+struct CacheFileName {
+    std::string name;         // the remote name after the ':' cut
+    std::string displayName;  // printed as [%s] in log lines
+    std::string cachePath;    // cacheDir followed by the chosen file name
+};
+
+// Names and creates the cache file for remote `name` in `cacheDir` (which
+// ends with a separator) and fills *chosen. The name is the part after the
+// first ':' when there is one; the file is the first of name, base[0].ext,
+// base[1].ext, ... that does not exist, with every '/' turned into '_' so it
+// always lies inside `cacheDir`. The file is created exclusively, readable
+// and writable by the user only, and never through a symbolic link: what
+// already stands at the chosen path (a planted link, FIFO or file) is never
+// opened or truncated, and creation fails. When another store creates the
+// same file first, the next free name is taken. Null on failure (errno set).
+FILE* CreateCacheFile(const std::string& cacheDir, const std::string& name, CacheFileName* chosen);
+
+}  // namespace cache
+
+#endif  // CACHE_FILE_IO_H_

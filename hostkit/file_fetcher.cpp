@@ -1,0 +1,65 @@
+#include "hostkit/file_fetcher.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace hostkit {
+
+FileFetcher::FileFetcher(const std::string& path, FetcherOptions options)
+    : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)), size_(0), options_(options) {
+    struct stat st;
+    if (fd_ < 0 || fstat(fd_, &st) != 0) {
+        if (fd_ >= 0) close(fd_);
+        throw std::runtime_error("cannot open " + path);
+    }
+    size_ = st.st_size;
+    if (options_.pieceSize <= 0 || options_.pieceSize % 65536 != 0) options_.pieceSize = 65536;
+}
+
+FileFetcher::~FileFetcher() { close(fd_); }
+
+long long FileFetcher::GetHostHandle() { return options_.hostHandle; }
+
+void FileFetcher::ResetCounters() {
+    calls_ = 0;
+    bytes_ = 0;
+}
+
+AERROR FileFetcher::Fetch(long long offset, long long length, std::shared_ptr<_FS_HANDLE> handle,
+                          IFetchCallback* sink) {
+    calls_.fetch_add(1);
+    if (options_.latencyMs > 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(options_.latencyMs));
+    }
+    const long long end = std::min(offset + length, size_);
+    std::vector<char> piece;
+    for (long long position = offset; position < end;) {
+        if (handle && handle->state > 3) return AE_HANDLE_CLOSED;
+        const long long pieceEnd =
+            std::min(end, (position / options_.pieceSize + 1) * options_.pieceSize);
+        const size_t count = static_cast<size_t>(pieceEnd - position);
+        piece.resize(count);
+        if (pread(fd_, piece.data(), count, position) != static_cast<ssize_t>(count)) {
+            return AE_READ_FAILED;
+        }
+        if (options_.bytesPerSecond > 0) {
+            std::this_thread::sleep_for(
+                std::chrono::duration<double>(static_cast<double>(count) / options_.bytesPerSecond));
+        }
+        long written = 0;
+        const AERROR result = sink->FetchWrite(position, piece.data(), static_cast<long>(count), &written);
+        if (result != AE_OK) return result;
+        bytes_.fetch_add(static_cast<long long>(count));
+        position = pieceEnd;
+    }
+    return AE_OK;
+}
+
+}  // namespace hostkit

@@ -1,0 +1,56 @@
+// A host's fetcher over a local file standing in for the remote one.
+//
+// It delivers the requested range in sector-aligned pieces (each piece ends
+// on a multiple of `pieceSize` or at the end of the file), clips requests at
+// the end of the file, and can simulate a network: a fixed latency per
+// request and a bandwidth. It counts calls and bytes delivered.
+//
+// Thread-safe: Fetch may run on many threads at once.
+#ifndef HOSTKIT_FILE_FETCHER_H_
+#define HOSTKIT_FILE_FETCHER_H_
+
+#include <atomic>
+#include <string>
+
+#include "cache/cache.h"
+
+namespace hostkit {
+
+struct FetcherOptions {
+    long long latencyMs = 0;          // slept once per Fetch call
+    double bytesPerSecond = 0;        // 0: unlimited
+    long long pieceSize = 65536;      // delivery granularity, a multiple of 65536
+    long long hostHandle = 0x5eed;    // returned by GetHostHandle
+};
+
+class FileFetcher final : public IFetch {
+public:
+    // Opens `path` read-only; throws std::runtime_error when it cannot.
+    explicit FileFetcher(const std::string& path, FetcherOptions options = {});
+    FileFetcher(const FileFetcher&) = delete;
+    FileFetcher& operator=(const FileFetcher&) = delete;
+    virtual ~FileFetcher();
+
+    // Delivers [offset, offset + length) clipped to the file. Returns the
+    // sink's first failure, AE_HANDLE_CLOSED when the handle is closed, or
+    // AE_READ_FAILED when the file cannot be read.
+    AERROR Fetch(long long offset, long long length, std::shared_ptr<_FS_HANDLE> handle,
+                 IFetchCallback* sink) override;
+    long long GetHostHandle() override;
+
+    long long Size() const { return size_; }
+    long long Calls() const { return calls_.load(); }
+    long long BytesDelivered() const { return bytes_.load(); }
+    void ResetCounters();
+
+private:
+    int fd_;
+    long long size_;
+    FetcherOptions options_;
+    std::atomic<long long> calls_{0};
+    std::atomic<long long> bytes_{0};
+};
+
+}  // namespace hostkit
+
+#endif  // HOSTKIT_FILE_FETCHER_H_
