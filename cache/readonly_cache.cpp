@@ -1,0 +1,415 @@
+// ReadonlyCache: construction, the sector map and its run index, fetch
+// writes, reservations and the small operations.
+#include "cache/readonly_cache.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+#include "cache/cache_settings.h"
+#include "cache/file_io.h"
+#include "cache/writable_cache.h"
+
+namespace cache {
+
+namespace {
+
+// True when `key` directly follows `before` (before + one sector), computed
+// without overflow for any pair of keys.
+bool Follows(long long key, long long before) {
+    return key > before &&
+           static_cast<unsigned long long>(key) - static_cast<unsigned long long>(before) ==
+               static_cast<unsigned long long>(kSectorSize);
+}
+
+// Filler for the unused tail of a short slot; its content is never read.
+const char kZeroSlot[kSectorSize] = {};
+
+}  // namespace
+
+// ---- SectorRuns ----
+
+namespace {
+
+// The first run that starts after `key`.
+template <typename Iterator>
+Iterator FirstRunAfter(Iterator begin, Iterator end, long long key) {
+    return std::upper_bound(begin, end, key,
+                            [](long long k, const auto& run) { return k < run.first; });
+}
+
+}  // namespace
+
+void SectorRuns::Insert(long long key) {
+    auto next = FirstRunAfter(runs_.begin(), runs_.end(), key);
+    const bool joinsPrevious = next != runs_.begin() && Follows(key, std::prev(next)->last);
+    const bool joinsNext = next != runs_.end() && Follows(next->first, key);
+    if (joinsPrevious && joinsNext) {
+        std::prev(next)->last = next->last;
+        runs_.erase(next);
+    } else if (joinsPrevious) {
+        std::prev(next)->last = key;
+    } else if (joinsNext) {
+        next->first = key;
+    } else {
+        runs_.insert(next, Run{key, key});
+    }
+}
+
+void SectorRuns::Erase(long long key) {
+    auto next = FirstRunAfter(runs_.begin(), runs_.end(), key);
+    if (next == runs_.begin() || std::prev(next)->last < key) return;  // not present
+    auto run = std::prev(next);
+    if (run->first == run->last) {
+        runs_.erase(run);
+    } else if (key == run->first) {
+        run->first = key + kSectorSize;
+    } else if (key == run->last) {
+        run->last = key - kSectorSize;
+    } else {
+        const Run tail{key + kSectorSize, run->last};
+        run->last = key - kSectorSize;
+        runs_.insert(next, tail);
+    }
+}
+
+std::optional<long long> SectorRuns::LastOfRun(long long key) const {
+    auto next = FirstRunAfter(runs_.begin(), runs_.end(), key);
+    if (next == runs_.begin() || std::prev(next)->last < key) return std::nullopt;
+    return std::prev(next)->last;
+}
+
+// ---- Construction and the small operations ----
+
+ReadonlyCache::ReadonlyCache(const std::string& cacheDir, const std::string& name,
+                             long long fileSize, std::shared_ptr<ICacheConfig> config)
+    : cacheDir(cacheDir), fileSize(fileSize), config(std::move(config)) {
+    FillReadAheadSizes();
+    CacheFileName chosen;
+    file = CreateCacheFile(cacheDir, name, &chosen);
+    displayName.Set(std::move(chosen.displayName));
+    if (file == nullptr) throw AE_CREATE_FILE_FAILED;
+    cachePath = std::move(chosen.cachePath);
+    Log(LL_INFO, "[%s] Read only cache created");
+}
+
+ReadonlyCache::ReadonlyCache(WritableCache* source, std::shared_ptr<ICacheConfig> config)
+    : cacheDir(source->GetCacheDir()), config(std::move(config)) {
+    FillReadAheadSizes();
+    displayName.Set(*source->GetFileName());
+    // The size first: the source no longer knows its file once the stream
+    // has left it.
+    fileSize = source->GetFileSize();
+    file = source->TakeStream();
+    if (file == nullptr) throw AE_CREATE_FILE_FAILED;
+    // The dense file holds sector p at offset p: every slot is its own sector.
+    const auto now = std::chrono::steady_clock::now();
+    for (long long p = 0, remaining = fileSize; remaining > 0; p += kSectorSize) {
+        const long long length = std::min(remaining, kSectorSize);
+        InsertSectorNoLock(p, _SECTOR{p, length, 0, false, now});
+        remaining -= length;
+    }
+    Log(LL_INFO, "[%s] Read only cache from writable cache created");
+}
+
+ReadonlyCache::~ReadonlyCache() {
+    Close();
+    if (!cachePath.empty()) remove(cachePath.c_str());
+}
+
+void ReadonlyCache::FillReadAheadSizes() {
+    const _CACHECONFIG settings = config->GetConfig();
+    long long size = settings.ramin;
+    for (long long& entry : readAheadSizes) {
+        entry = std::min(size, settings.ramax);
+        // Saturate instead of overflowing for absurd configurations.
+        size = entry > LLONG_MAX / 2 ? LLONG_MAX : entry < LLONG_MIN / 2 ? LLONG_MIN : entry * 2;
+    }
+}
+
+ICacheConfig* ReadonlyCache::GetConfig() {
+    return config.get();
+}
+
+long long ReadonlyCache::GetFileOffset(long long) {
+    return GetFileSize();
+}
+
+long long ReadonlyCache::GetFileSize() {
+    std::lock_guard<std::mutex> guard(fileLock);
+    return StreamSize(file);
+}
+
+AERROR ReadonlyCache::Close() {
+    // Jobs deliver through FetchWrite, which needs `lock`: wait before
+    // taking it.
+    for (long long running; (running = readAheadThreads.load(std::memory_order_acquire)) != 0;) {
+        Log(LL_DETAIL, "[%s] %lld of read-ahead thread still working. Wait for thread termination.",
+            running);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    std::lock_guard<std::mutex> guard(lock);
+    if (file == nullptr) return AE_INVALID_HANDLE;
+    {
+        std::lock_guard<std::mutex> fileGuard(fileLock);
+        CloseHandle(file);
+        file = nullptr;
+    }
+    ClearSectorsNoLock();
+    emptySlots.clear();
+    readHistory.clear();
+    return AE_OK;
+}
+
+AERROR ReadonlyCache::Truncate(long long size) {
+    std::lock_guard<std::mutex> guard(lock);
+    if (file == nullptr) {
+        Log(LL_ERROR, "[%s] Truncate failed : Invalid cache file handle");
+        return AE_INVALID_HANDLE;
+    }
+    if (ftruncate(fileno(file), size) != 0) {
+        const int error = errno;
+        Log(LL_ERROR, "[%s] Truncate failed : %s", strerror(error));
+        return AE_TRUNCATE_FAILED;
+    }
+    return AE_OK;
+}
+
+void ReadonlyCache::ChangeFileName(std::string newName) {
+    displayName.Set(std::move(newName));
+}
+
+bool ReadonlyCache::IsReadonly() {
+    return true;
+}
+
+ICacheFile* ReadonlyCache::RebuildToWritableCache(IFetch*, ICacheConfig*) {
+    return nullptr;
+}
+
+ICacheFile* ReadonlyCache::RebuildToReadonlyCache(IFetch*, ICacheConfig*) {
+    return nullptr;
+}
+
+AERROR ReadonlyCache::FillEmptySectors(IFetch*) {
+    return AE_OK;
+}
+
+// ---- The sector map ----
+
+_SECTOR& ReadonlyCache::InsertSectorNoLock(long long key, const _SECTOR& sector) {
+    runs.Insert(key);
+    return sectors.emplace(key, sector).first->second;
+}
+
+std::map<long long, _SECTOR>::iterator ReadonlyCache::EraseSectorNoLock(
+    std::map<long long, _SECTOR>::iterator entry) {
+    runs.Erase(entry->first);
+    return sectors.erase(entry);
+}
+
+void ReadonlyCache::ClearSectorsNoLock() {
+    sectors.clear();
+    runs.Clear();
+}
+
+long long ReadonlyCache::TakeFreeSlotNoLock() {
+    if (emptySlots.empty()) return -1;
+    const long long slot = emptySlots.front();
+    emptySlots.pop_front();
+    return slot;
+}
+
+long long ReadonlyCache::GetLargestEmptyOffset(long long offset) {
+    const long long ramax = config->GetConfig().ramax;
+    std::lock_guard<std::mutex> guard(lock);
+    return GetLargestEmptyOffsetNoLock(offset, ramax);
+}
+
+long long ReadonlyCache::GetLargestEmptyOffsetNoLock(long long offset, long long ramax) const {
+    const long long cur = SectorOf(offset);
+    const std::optional<long long> last = runs.LastOfRun(cur);
+    if (!last) return cur;
+    // Walking the run sector by sector would stop with -1 at the first
+    // sector past offset + ramax; the run's last sector decides that.
+    if (*last > cur && *last - offset > ramax) return -1;
+    return *last;
+}
+
+// ---- Fetch writes ----
+
+AERROR ReadonlyCache::FetchWrite(long long offset, const char* data, long size, long* written) {
+    std::lock_guard<std::mutex> guard(lock);
+    return FetchWriteNoLock(offset, data, size, written);
+}
+
+AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long size,
+                                       long* written) {
+    Log(LL_INFO, "[%s] Fetch write : %p, %lld, %d", static_cast<const void*>(data), offset,
+        static_cast<int>(size));
+    // Besides negative sizes and missing data, refuse ranges whose sector
+    // arithmetic would overflow.
+    if (size < 0 || (data == nullptr && size > 0) || offset > LLONG_MAX - size - 2 * kSectorSize) {
+        Log(LL_ERROR, "[%s] Fetch write failed : invalid data");
+        return AE_WRITE_FAILED;
+    }
+    if (file == nullptr) {
+        Log(LL_ERROR, "[%s] Fetch write failed : Invalid cache file handle");
+        return AE_INVALID_HANDLE;
+    }
+    const long long first = SectorOf(offset);
+    const auto now = std::chrono::steady_clock::now();
+    long long cur = first;
+    long long total = 0;
+    long long remaining = size;
+    const char* source = data;
+    while (remaining != 0) {
+        auto found = sectors.find(cur);
+        _SECTOR* entry;
+        if (found == sectors.end()) {
+            // Only an absent first sector must start on a sector boundary;
+            // data for an existing one is written from the sector's start.
+            if (cur == first && offset % kSectorSize != 0) {
+                Log(LL_ERROR, "[%s] Fetch write failed : Cache offset was not aligned");
+                return AE_NOT_ALIGNED;
+            }
+            Log(LL_DETAIL, "[%s] Fetch write : %lld", cur);
+            long long slot = TakeFreeSlotNoLock();
+            if (slot != -1) {
+                Log(LL_DETAIL, "[%s] Fetch write : Empty sector found on %lld", slot);
+            } else {
+                slot = GetFileOffset(cur);
+                Log(LL_DETAIL, "[%s] Fetch write : Empty sector not found. Append cache on %lld.",
+                    slot);
+            }
+            entry = &InsertSectorNoLock(
+                cur, _SECTOR{slot, std::min(remaining, kSectorSize), 0, false, now});
+        } else if (found->second.reserved) {
+            entry = &found->second;
+            // A reserved sector without a slot appends one; freed slots are
+            // handed out by reservations only.
+            if (entry->offset == -1) entry->offset = GetFileOffset(cur);
+            entry->hits = 0;
+            entry->length = std::min(remaining, kSectorSize);
+            entry->time = now;
+            Log(LL_DETAIL, "[%s] Fetch write : Sector %lld reserved and write on %lld", cur,
+                entry->offset);
+        } else {
+            entry = &found->second;
+            Log(LL_DETAIL,
+                "[%s] Fetch write : Sector %lld not reserved. Data will be overwritten on current "
+                "cache %lld",
+                cur, entry->offset);
+        }
+        // An existing sector keeps its length; never take more than the
+        // caller gave nor more than one slot holds.
+        const long long count = std::clamp(entry->length, 0LL, std::min(remaining, kSectorSize));
+        size_t done = 0;
+        if (!WriteAt(file, entry->offset, source, static_cast<size_t>(count), &done)) {
+            return FailFetchWriteNoLock(cur, errno);
+        }
+        const long long n = static_cast<long long>(done);
+        if (n < kSectorSize) {
+            size_t padded = 0;
+            WriteAt(file, entry->offset + n, kZeroSlot, static_cast<size_t>(kSectorSize - n),
+                    &padded);
+        }
+        entry->reserved = false;
+        total += n;
+        source += n;
+        remaining -= n;
+        cur += kSectorSize;
+    }
+    // Transfers bypass the stream, so only a stream in error or without a
+    // descriptor tells that the file broke meanwhile.
+    if (ferror(file) != 0 || fileno(file) < 0) {
+        const int error = errno;
+        Log(LL_ERROR, "[%s] Fetch write failed : %s", strerror(error));
+        return AE_WRITE_FAILED;
+    }
+    if (written != nullptr) *written = static_cast<long>(total);
+    return AE_OK;
+}
+
+AERROR ReadonlyCache::FailFetchWriteNoLock(long long cur, int error) {
+    Log(LL_ERROR, "[%s] Fetch write failed : %s", strerror(error));
+    // Readers must not take partly written sectors for present ones. The
+    // slots are not reused: their content is unknown.
+    for (auto entry = sectors.find(cur); entry != sectors.end() && entry->first == cur;
+         cur += kSectorSize) {
+        entry = EraseSectorNoLock(entry);
+    }
+    return AE_WRITE_FAILED;
+}
+
+// ---- Reservations ----
+
+AERROR ReadonlyCache::Reserve(long long offset, long long length) {
+    std::lock_guard<std::mutex> guard(lock);
+    return ReserveNoLock(offset, length);
+}
+
+AERROR ReadonlyCache::ReserveNoLock(long long offset, long long length) {
+    Log(LL_INFO, "[%s] Reserved blocks %lld to %lld(%lld bytes)", offset, offset + length, length);
+    if (file == nullptr) {
+        Log(LL_ERROR, "[%s] Reserve block failed : Invalid cache file handle");
+        return AE_INVALID_HANDLE;
+    }
+    const long long first = SectorOf(offset);
+    const auto now = std::chrono::steady_clock::now();
+    long long cur = first;
+    long long remaining = length;
+    int count = 0;
+    while (remaining != 0) {
+        if (sectors.find(cur) == sectors.end()) {
+            if (cur == first && offset % kSectorSize != 0) return AE_NOT_ALIGNED;
+            InsertSectorNoLock(
+                cur, _SECTOR{TakeFreeSlotNoLock(), std::min(remaining, kSectorSize), 0, true, now});
+            ++count;
+        }
+        const long long part = cur == first ? kSectorSize - offset % kSectorSize : kSectorSize;
+        remaining -= std::min(part, remaining);
+        cur += kSectorSize;
+    }
+    Log(LL_INFO, "[%s] %d blocks reserved", count);
+    return count > 0 ? AE_OK : AE_NOTHING_RESERVED;
+}
+
+AERROR ReadonlyCache::ClearReserved(long long offset, long long length) {
+    std::lock_guard<std::mutex> guard(lock);
+    ClearReservedNoLock(offset, length);
+    return AE_OK;
+}
+
+long long ReadonlyCache::ClearReservedNoLock(long long offset, long long length) {
+    Log(LL_DETAIL, "[%s] Clear reserved blocks %lld to %lld(%lld bytes)", offset, offset + length,
+        length);
+    if (file == nullptr || length <= 0) return 0;
+    // The sectors first, first + 64 KiB, ... one per started 64 KiB of
+    // `length` (the first counts whole even when `offset` is not aligned).
+    // Visiting the map's entries in that span instead of every offset costs
+    // nothing for huge ranges.
+    const long long first = SectorOf(offset);
+    const unsigned long long span = static_cast<unsigned long long>(length - 1) / kSectorSize + 1;
+    long long released = 0;
+    for (auto entry = sectors.lower_bound(first);
+         entry != sectors.end() &&
+         (static_cast<unsigned long long>(entry->first) - static_cast<unsigned long long>(first)) /
+                 kSectorSize <
+             span;) {
+        if (!entry->second.reserved) {
+            ++entry;
+            continue;
+        }
+        const long long slot = entry->second.offset;
+        entry = EraseSectorNoLock(entry);
+        if (slot != -1) emptySlots.push_back(slot);
+        ++released;
+    }
+    return released;
+}
+
+}  // namespace cache

@@ -1,0 +1,279 @@
+// ReadonlyCache: the sparse store of a remote file that is only read.
+//
+// The remote file is cut into 64 KiB sectors; only fetched sectors exist,
+// each in a 64 KiB slot of a private cache file, in whatever order they
+// arrived. An in-memory map (the sector hash) translates a sector to its
+// slot. Nothing of the map is on disk; the cache file is deleted with the
+// store.
+//
+// Threads: host threads read and write; fetch jobs deliver data on the host's
+// queue threads through FetchWrite; the quota thread evicts. `lock` guards
+// the map and the file's contents. Operations with the NoLock suffix require
+// the caller to hold it. Lock order: a cache object's lock, then this lock,
+// then the leaf locks (`fileLock`, the display name's).
+//
+// Every transfer to or from the cache file is positioned I/O on the stream's
+// descriptor (ReadAt / WriteAt), so no thread depends on the stream position.
+#ifndef CACHE_READONLY_CACHE_H_
+#define CACHE_READONLY_CACHE_H_
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cache/bindings.h"
+#include "cache/cache.h"
+#include "cache/display_name.h"
+
+namespace cache {
+
+class WritableCache;
+class AsyncLargeFetch;
+
+// One entry of the sector map.
+struct _SECTOR {
+    long long offset = 0;   // slot in the cache file; -1 while reserved without a slot
+    long long length = 0;   // valid bytes; only the file's last sector is shorter
+    long long hits = 0;     // reads served since the sector was last queued or filled
+    bool reserved = false;  // a fetch is announced but its data has not arrived
+    std::chrono::steady_clock::time_point time{};  // creation or last read
+};
+
+// One remembered read, for read-ahead.
+struct _READHISTORY {
+    long long offset;
+    long long length;
+    std::chrono::steady_clock::time_point time;
+};
+
+// The state of a host handle. The host changes it on its own threads, so it
+// is read atomically. A request without a handle counts as open (0).
+inline int32_t HandleState(const std::shared_ptr<_FS_HANDLE>& handle) {
+    if (!handle) return 0;
+    return std::atomic_ref<int32_t>(handle->state).load(std::memory_order_relaxed);
+}
+
+// The maximal runs of consecutive sectors (keys k, k + 64 KiB, ...) of a
+// sector map, as a sorted vector of [first, last] pairs. It answers "where
+// does the run holding this sector end" in O(log runs) and costs 16 bytes
+// per run, not per sector. Keys are multiples of the sector size.
+//
+// Not thread-safe: the owning store keeps it under its own lock.
+class SectorRuns {
+  public:
+    // Adds `key`, which must not be present.
+    void Insert(long long key);
+    // Removes `key`, which must be present.
+    void Erase(long long key);
+    void Clear() { runs_.clear(); }
+
+    // The last key of the run holding `key`, or nullopt when `key` is absent.
+    std::optional<long long> LastOfRun(long long key) const;
+
+  private:
+    struct Run {
+        long long first;
+        long long last;
+    };
+
+    std::vector<Run> runs_;  // sorted by first; never adjacent or overlapping
+};
+
+class ReadonlyCache : public ICacheFile, public IFetchCallback {
+  public:
+    // A fresh, empty store for remote `name` of `fileSize` bytes, with its
+    // cache file in `cacheDir` (which ends with a separator). Throws
+    // AE_CREATE_FILE_FAILED (3004) when the file cannot be created.
+    // REQUIRES: `config` is non-null.
+    ReadonlyCache(const std::string& cacheDir, const std::string& name, long long fileSize,
+                  std::shared_ptr<ICacheConfig> config);
+    // Takes over the stream of a writable store, whose file holds the remote
+    // file densely: every sector of it becomes present at its own offset.
+    // The file inherited this way is never deleted by this store. Throws
+    // AE_CREATE_FILE_FAILED when `source` has no open stream.
+    ReadonlyCache(WritableCache* source, std::shared_ptr<ICacheConfig> config);
+    ReadonlyCache(const ReadonlyCache&) = delete;
+    ReadonlyCache& operator=(const ReadonlyCache&) = delete;
+
+    // Serves a host read: queues fetches for what is missing, waits for the
+    // range (polling every 10 ms without holding `lock`), copies it out.
+    // 0 (request->transferred set), 3005, 8 (missing or timed out), 28
+    // (handle closed), 3008 (cache file unreadable or invalid request).
+    // Takes `lock`.
+    AERROR Read(_READDATA* request) override;
+    AERROR Write(_WRITEDATA* request) override;
+    // Takes `lock`; see ReserveNoLock.
+    AERROR Reserve(long long offset, long long length) override;
+    // Takes `lock`; always 0.
+    AERROR ClearReserved(long long offset, long long length) override;
+    // Waits (without a time limit) until no fetch job of this store is alive,
+    // then closes the file and forgets every sector: 0, or 3005 when it was
+    // already closed. Takes `lock` after the wait.
+    AERROR Close() override;
+    // Truncates the cache file (the sector map is left as it is): 0, 3005
+    // when closed, 9 when the file system refuses. Takes `lock`.
+    AERROR Truncate(long long size) override;
+    // Always true.
+    bool IsReadonly() override;
+    // This store converts to nothing: both return null.
+    ICacheFile* RebuildToWritableCache(IFetch* fetch, ICacheConfig* config) override;
+    ICacheFile* RebuildToReadonlyCache(IFetch* fetch, ICacheConfig* config) override;
+    void ClearOldCache(bool overLimit) override;
+    // Size of the cache file (not of the remote file), 0 when closed. Takes
+    // only the leaf `fileLock`, so it may be called with or without `lock`.
+    long long GetFileSize() override;
+    // Where the cached run holding `offset`'s sector ends: that sector itself
+    // when absent, the run's last sector, or -1 when the run reaches more
+    // than one maximal read-ahead (ramax) past `offset`. Reserved sectors
+    // count as part of a run. Takes `lock`.
+    long long GetLargestEmptyOffset(long long offset) override;
+    // Nothing to fill in a sparse store: always 0.
+    AERROR FillEmptySectors(IFetch* fetch) override;
+    // Changes the name printed in log lines. The cache file keeps its name.
+    // Takes no lock of the store; safe while other threads log.
+    void ChangeFileName(std::string newName) override;
+
+    // Closes, then deletes the cache file (not one inherited from a
+    // writable store).
+    virtual ~ReadonlyCache();
+
+    // Stores `size` fetched bytes for remote `offset`, sector by sector, in
+    // free slots (oldest freed first) or slots appended to the file, and
+    // stores the count through `written` (may be null). 0; 3005 closed; 3006
+    // when the first sector is absent and `offset` is not aligned; 3007 on
+    // invalid data or a failed write, after which the entries from the
+    // failing sector on are erased (their slots are not reused).
+    // FetchWrite takes `lock`; FetchWriteNoLock REQUIRES it held.
+    virtual AERROR FetchWriteNoLock(long long offset, const char* data, long size, long* written);
+    AERROR FetchWrite(long long offset, const char* data, long size, long* written) override;
+    // The configuration provider; owned by this store (shared).
+    virtual ICacheConfig* GetConfig();
+    // Where a new slot is appended: the cache file's size. Takes no lock of
+    // the store (the leaf `fileLock` only).
+    virtual long long GetFileOffset(long long offset);
+
+    // Marks the absent sectors of the range reserved, each with the oldest
+    // free slot or none (-1). 0 when at least one was newly reserved, 3014
+    // when none, 3005 when closed, 3006 (no log line) when the first sector
+    // is absent and `offset` is not aligned. REQUIRES: `lock` held.
+    AERROR ReserveNoLock(long long offset, long long length);
+    // Erases the reserved sectors among those that the range touches,
+    // counting a full sector for the first one; their slots go to the back
+    // of the free-slot queue. Present sectors are left alone. Returns the
+    // number of sectors released. REQUIRES: `lock` held.
+    long long ClearReservedNoLock(long long offset, long long length);
+
+    // The display name, held by the caller while it formats a log line.
+    std::shared_ptr<const std::string> GetFileName() const { return displayName.Get(); }
+
+    // Writes one log line about this store; `format` starts with "[%s]",
+    // which receives the display name, and `args` fill the rest. Costs
+    // nothing beyond a load when no logger is bound.
+    template <typename... Args>
+    void Log(LOGLEVEL level, const char* format, Args... args) const {
+        ILog* log = CurrentLogger();
+        if (log == nullptr) return;
+        const auto name = GetFileName();
+        __LOG__A(log, level | LL_CACHE, format, name->c_str(), args...);
+    }
+
+    // Fetch jobs alive for this store; Close waits for zero. Jobs add
+    // themselves (relaxed) and remove themselves last thing (release).
+    std::atomic<long long> readAheadThreads{0};
+    // The running large fetch (whole-file or read-ahead), or null. Set under
+    // `lock`; cleared by the job itself without it.
+    std::atomic<AsyncLargeFetch*> largeFetch{nullptr};
+
+  private:
+    // Tests inspect the sector map and inject faults through it.
+    friend class ReadonlyCachePeer;
+
+    // What a read has queued on its own behalf; decides what a sector that
+    // vanishes while the read waits means.
+    enum class QueueState { kNothing, kReadAhead, kSectors };
+
+    // Every change to the set of keys of `sectors` goes through these, so
+    // that `runs` stays in step with the map. REQUIRES: `lock` held.
+    // Inserts `sector` under `key`, which must be absent.
+    _SECTOR& InsertSectorNoLock(long long key, const _SECTOR& sector);
+    // Erases the entry; returns the iterator after it.
+    std::map<long long, _SECTOR>::iterator EraseSectorNoLock(
+        std::map<long long, _SECTOR>::iterator entry);
+    void ClearSectorsNoLock();
+
+    // The front of the free-slot queue (removed), or -1 when it is empty.
+    // REQUIRES: `lock` held.
+    long long TakeFreeSlotNoLock();
+
+    // GetLargestEmptyOffset with the read-ahead maximum already at hand.
+    // REQUIRES: `lock` held.
+    long long GetLargestEmptyOffsetNoLock(long long offset, long long ramax) const;
+
+    // Fills readAheadSizes: ramin, doubling, capped at ramax.
+    void FillReadAheadSizes();
+
+    // Erases the entries from `cur` on while they are present (after a
+    // failed write into the cache file) and returns 3007.
+    // REQUIRES: `lock` held.
+    AERROR FailFetchWriteNoLock(long long cur, int error);
+
+    // Range form: resets the hits of the present sectors of [first, end)
+    // and queues fetches for the absent ones. 3013 when jobs were posted,
+    // 0 when nothing was missing or `fetch` is null, 3005 when closed.
+    // REQUIRES: `lock` held; `first` is a sector offset.
+    AERROR QueueEmptySectors(long long first, long long end, IFetch* fetch,
+                             std::shared_ptr<_FS_HANDLE> handle);
+    // List form: reserves the listed absent sectors and posts one AsyncFetch
+    // per run of consecutive sectors. REQUIRES: `lock` held.
+    void QueueEmptySectors(const std::deque<long long>& sectorOffsets, IFetch* fetch,
+                           std::shared_ptr<_FS_HANDLE> handle);
+    // Remembers the read and, when reads are sequential, reserves and posts
+    // a read-ahead after the cached run: 3013 when one was posted, else 0.
+    // REQUIRES: `lock` held.
+    AERROR CheckReadAhead(_READDATA* request, const _CACHECONFIG& settings);
+    // Posts the read-ahead of the current level from `runEnd`.
+    // REQUIRES: `lock` held; no large fetch running.
+    void StartReadAheadNoLock(_READDATA* request, long long runEnd, const _CACHECONFIG& settings);
+    // Reserves the whole file and posts one job fetching it, unless a large
+    // fetch runs or nothing is left to reserve. REQUIRES: `lock` held.
+    void FetchWholeFileNoLock(_READDATA* request);
+    // Polls until every sector of the request is present. Returns 0 with
+    // `guard` locked, or the read's failure with `guard` unlocked or locked
+    // (the caller returns at once either way). REQUIRES: `guard` locked.
+    AERROR WaitForSectors(std::unique_lock<std::mutex>& guard, _READDATA* request,
+                          QueueState state);
+    // Copies the request's range out of the cache file. REQUIRES: `lock`
+    // held; every sector of the range present unless the request has no
+    // fetcher, in which case the copy stops at the first one that is not.
+    AERROR CopySectorsNoLock(_READDATA* request);
+
+    std::mutex lock;
+    // A leaf lock: `file` changes only with both `lock` and `fileLock` held,
+    // so GetFileSize can read it under `fileLock` alone.
+    std::mutex fileLock;
+    std::string cacheDir;
+    // The remote file's name, printed in log lines; ChangeFileName replaces it.
+    DisplayName displayName;
+    FILE* file = nullptr;
+    std::string cachePath;  // empty for a file inherited from a writable store
+    std::map<long long, _SECTOR> sectors;
+    SectorRuns runs;  // the runs of consecutive keys of `sectors`
+    std::deque<long long> emptySlots;
+    std::deque<_READHISTORY> readHistory;
+    long long fileSize = 0;
+    int readAheadLevel = 1;
+    long long readAheadSizes[50] = {};
+    std::shared_ptr<ICacheConfig> config;
+};
+
+}  // namespace cache
+
+#endif  // CACHE_READONLY_CACHE_H_

@@ -1,0 +1,331 @@
+// ReadonlyCache: the read path, the queueing of missing sectors and
+// read-ahead.
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "cache/fetch_jobs.h"
+#include "cache/file_io.h"
+#include "cache/readonly_cache.h"
+#include "common/chrono.h"
+
+namespace cache {
+
+namespace {
+
+// A small read still queues this much from its offset, so that sequential
+// small reads are served by fewer, larger fetches.
+constexpr long long kMinimumQueued = 1048576;
+// The read history remembers at most this many reads.
+constexpr size_t kHistoryLength = 10;
+// A read more than this long after the previous one starts a new sequence.
+constexpr long long kSequenceGapSeconds = 300;
+constexpr int kMaxReadAheadLevel = 50;
+constexpr auto kPollPeriod = std::chrono::milliseconds(10);
+
+// A request the store can act on: a non-negative range that fits, and a
+// buffer when there is something to copy.
+bool IsValidRequest(const _READDATA& request) {
+    return request.offset >= 0 && request.length >= 0 &&
+           (request.buffer != nullptr || request.length == 0) &&
+           request.offset <= LLONG_MAX - std::max(request.length, kMinimumQueued) - kSectorSize;
+}
+
+}  // namespace
+
+AERROR ReadonlyCache::Read(_READDATA* request) {
+    Log(LL_INFO, "[%s] Read : %p, %lld, %d", static_cast<void*>(request->buffer), request->offset,
+        static_cast<int>(request->length));
+    if (!IsValidRequest(*request)) {
+        Log(LL_ERROR, "[%s] Read failed : invalid request");
+        return AE_READ_FAILED;
+    }
+    // One copy of the configuration serves the whole request.
+    const _CACHECONFIG settings = config->GetConfig();
+
+    std::unique_lock<std::mutex> guard(lock);
+    if (file == nullptr) return AE_INVALID_HANDLE;
+    if (request->fileSize != fileSize) fileSize = request->fileSize;
+    if (request->timeout == 0) request->timeout = settings.readtimeout;
+
+    QueueState state = QueueState::kNothing;
+    if ((request->flags & RD_FETCH_ALL) != RD_NONE) {
+        FetchWholeFileNoLock(request);
+    } else {
+        if (CheckReadAhead(request, settings) == AE_FETCH_QUEUED) state = QueueState::kReadAhead;
+        const long long end = std::min(request->offset + std::max(request->length, kMinimumQueued),
+                                       request->fileSize);
+        const AERROR queued =
+            QueueEmptySectors(SectorOf(request->offset), end, request->fetch, request->handle);
+        if (queued == AE_FETCH_QUEUED) {
+            state = QueueState::kSectors;
+        } else if (queued != AE_OK) {
+            Log(LL_ERROR, "[%s] Read failed : QueueEmptySectors returns error");
+            return queued;
+        }
+    }
+
+    // Without a fetcher nothing will arrive: serve what is cached now.
+    if (request->fetch != nullptr) {
+        const AERROR waited = WaitForSectors(guard, request, state);
+        if (waited != AE_OK) return waited;
+    }
+    return CopySectorsNoLock(request);
+}
+
+void ReadonlyCache::FetchWholeFileNoLock(_READDATA* request) {
+    // The job needs a fetcher; without one nothing is reserved that nobody
+    // would ever deliver.
+    if (largeFetch.load(std::memory_order_acquire) != nullptr || request->fetch == nullptr) return;
+    if (ReserveNoLock(0, fileSize) != AE_OK) return;
+    Log(LL_INFO, "[%s] Fetch all at once specified. Trying to fetch whole file(%lld bytes).",
+        fileSize);
+    // The job runs under a handle of its own that the host never closes.
+    auto handle = std::make_shared<_FS_HANDLE>();
+    handle->state = 2;
+    handle->data = 0;
+    handle->hostHandle = request->handle ? request->handle->hostHandle : 0;
+    auto* job =
+        new AsyncLargeFetch(this, request->fetch, 0, request->fileSize, std::move(handle), true);
+    largeFetch.store(job, std::memory_order_release);
+    QueueAsync(job, nullptr);
+    request->timeout = -1;
+}
+
+AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::mutex>& guard, _READDATA* request,
+                                     QueueState state) {
+    const long long end = request->offset + request->length;
+    const long long first = SectorOf(request->offset);
+    long long cur = first;
+    // The sector that kept the last poll waiting, for the time-out line.
+    long long waitingSlot = -1;
+    long long waitingLength = 0;
+    bool waitingReserved = false;
+    // Started by the first poll that has to wait: the first poll runs under
+    // the lock taken for queueing, and a cached range is copied without
+    // releasing it in between.
+    std::optional<Chrono> waited;
+    for (;;) {
+        if (file == nullptr) {
+            Log(LL_ERROR, "[%s] Read failed : Invalid cache file handle");
+            return AE_INVALID_HANDLE;
+        }
+        bool missing = false;
+        for (auto entry = sectors.lower_bound(cur); cur < end; cur += kSectorSize, ++entry) {
+            if (entry == sectors.end() || entry->first != cur) {
+                missing = true;
+                waitingSlot = -1;
+                waitingLength = 0;
+                waitingReserved = false;
+                break;
+            }
+            if (entry->second.reserved) {
+                waitingSlot = entry->second.offset;
+                waitingLength = entry->second.length;
+                waitingReserved = true;
+                break;
+            }
+        }
+        if (cur >= end) return AE_OK;  // `guard` stays locked for the copy
+
+        if (missing) {
+            // A reservation vanished. If this read queued fetches, one of
+            // them failed; otherwise somebody else's did, so queue again.
+            if (state != QueueState::kNothing) {
+                Log(LL_ERROR, "[%s] Read failed : Sector %lld not found on sector hash", cur);
+                return AE_READ_NOT_SERVED;
+            }
+            const AERROR queued =
+                QueueEmptySectors(first, std::min(end, fileSize), request->fetch, request->handle);
+            if (queued == AE_FETCH_QUEUED) {
+                state = QueueState::kSectors;
+                waited.emplace();
+            } else if (queued != AE_OK) {
+                Log(LL_ERROR,
+                    "[%s] Read failed : Sector %lld not found on sector hash and "
+                    "QueueEmptySectors returns error",
+                    cur);
+                return queued;
+            }
+        }
+        guard.unlock();
+        if (!waited) waited.emplace();
+        const long long elapsed = waited->elapsed();
+        if (HandleState(request->handle) > 3) {
+            Log(LL_ERROR, "[%s] Read failed : Handle closed before return");
+            ClearReserved(request->offset, request->length);
+            return AE_HANDLE_CLOSED;
+        }
+        if (request->timeout > -1 && elapsed > request->timeout) {
+            const std::string detail = "last checked sector offset was " + std::to_string(cur) +
+                                       " on offset " + std::to_string(waitingSlot) + ", length " +
+                                       std::to_string(waitingLength) + " and " +
+                                       (waitingReserved ? "reserved" : "not reserved");
+            Log(LL_ERROR, "[%s] Read timed-out : %p, %lld, %d(%s)",
+                static_cast<void*>(request->buffer), request->offset,
+                static_cast<int>(request->length), detail.c_str());
+            ClearReserved(request->offset, request->length);
+            return AE_READ_NOT_SERVED;
+        }
+        std::this_thread::sleep_for(kPollPeriod);
+        guard.lock();
+    }
+}
+
+AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request) {
+    const long long first = SectorOf(request->offset);
+    const long long length = request->length;
+    const auto now = std::chrono::steady_clock::now();
+    long long total = 0;
+    long long cur = first;
+    auto entry = sectors.lower_bound(first);
+    for (;;) {
+        // One transfer covers the following sectors whose slots lie back to
+        // back in the cache file; each of them counts a read. It stops at a
+        // sector not cached: without a fetcher a reserved one holds no data
+        // yet either.
+        long long spanStart = 0;
+        long long spanBytes = 0;
+        bool gap = false;
+        for (bool empty = true; total + spanBytes < length;
+             ++entry, cur += kSectorSize, empty = false) {
+            if (entry == sectors.end() || entry->first != cur ||
+                (request->fetch == nullptr && entry->second.reserved)) {
+                gap = true;
+                break;
+            }
+            _SECTOR& sector = entry->second;
+            const long long fileOffset =
+                sector.offset + (cur == first ? request->offset % kSectorSize : 0);
+            if (!empty && fileOffset != spanStart + spanBytes) break;
+            if (empty) spanStart = fileOffset;
+            spanBytes += std::clamp(sector.offset + sector.length - fileOffset, 0LL,
+                                    length - total - spanBytes);
+            ++sector.hits;
+            sector.time = now;
+        }
+        size_t done = 0;
+        if (!ReadAt(file, spanStart, request->buffer + total, static_cast<size_t>(spanBytes),
+                    &done)) {
+            const int error = errno;
+            Log(LL_ERROR, "[%s] ReadFile failed : %s", strerror(error));
+            return AE_READ_FAILED;
+        }
+        total += static_cast<long long>(done);
+        // Done; or a slot cut short (the cache file was truncated), after
+        // which bytes would land at the wrong place in the buffer.
+        if (total >= length || static_cast<long long>(done) < spanBytes) break;
+        if (gap) {
+            if (request->fetch == nullptr) break;  // a partial read is a success
+            Log(LL_ERROR, "[%s] Read failed : Sector %lld not found on sector hash", cur);
+            return AE_READ_NOT_SERVED;
+        }
+    }
+    request->transferred = total;
+    Log(LL_INFO, "[%s] Read done : %p, %lld, %d/%d", static_cast<void*>(request->buffer),
+        request->offset, static_cast<int>(length), static_cast<int>(total));
+    return AE_OK;
+}
+
+AERROR ReadonlyCache::QueueEmptySectors(long long first, long long end, IFetch* fetch,
+                                        std::shared_ptr<_FS_HANDLE> handle) {
+    if (file == nullptr) return AE_INVALID_HANDLE;
+    // A vector allocates nothing while the range is cached (a deque would).
+    std::vector<long long> missing;
+    auto entry = sectors.lower_bound(first);
+    for (long long cur = first; cur < end; cur += kSectorSize) {
+        if (entry != sectors.end() && entry->first == cur) {
+            entry->second.hits = 0;  // requested again
+            ++entry;
+        } else if (fetch != nullptr) {
+            missing.push_back(cur);
+        }
+    }
+    if (missing.empty()) return AE_OK;
+    QueueEmptySectors(std::deque<long long>(missing.begin(), missing.end()), fetch,
+                      std::move(handle));
+    return AE_FETCH_QUEUED;
+}
+
+void ReadonlyCache::QueueEmptySectors(const std::deque<long long>& sectorOffsets, IFetch* fetch,
+                                      std::shared_ptr<_FS_HANDLE> handle) {
+    // Runs of consecutive offsets, by start. A sector extends the first run
+    // (by start) that ends where it begins; `ends` finds that run quickly.
+    std::map<long long, long long> runLengths;
+    std::set<std::pair<long long, long long>> ends;  // (end, start)
+    const auto now = std::chrono::steady_clock::now();
+    for (const long long s : sectorOffsets) {
+        auto extended = ends.lower_bound({s, LLONG_MIN});
+        if (extended != ends.end() && extended->first == s) {
+            const long long start = extended->second;
+            runLengths[start] += kSectorSize;
+            ends.erase(extended);
+            ends.emplace(s + kSectorSize, start);
+        } else if (runLengths.emplace(s, kSectorSize).second) {
+            ends.emplace(s + kSectorSize, s);
+        }
+        if (sectors.find(s) == sectors.end()) {
+            InsertSectorNoLock(s, _SECTOR{TakeFreeSlotNoLock(), 0, 0, true, now});
+        }
+    }
+    for (const auto& [start, length] : runLengths) {
+        Log(LL_DETAIL, "[%s] Queue empty offset %lld to %lld(%lld bytes)", start, start + length,
+            length);
+        QueueAsync(new AsyncFetch(this, fetch, start, length, handle), nullptr);
+    }
+}
+
+AERROR ReadonlyCache::CheckReadAhead(_READDATA* request, const _CACHECONFIG& settings) {
+    const _READHISTORY read{request->offset, request->length, std::chrono::steady_clock::now()};
+    AERROR result = AE_OK;
+    // While a large fetch runs, the read is only remembered.
+    if (largeFetch.load(std::memory_order_acquire) == nullptr) {
+        if (request->fetch == nullptr) return AE_OK;
+        const long long runEnd = GetLargestEmptyOffsetNoLock(request->offset, settings.ramax);
+        if (runEnd == -1) return AE_OK;  // cached well beyond one read-ahead
+        if (runEnd + kSectorSize >= fileSize) {
+            readHistory.clear();  // cached up to the end of the file
+            return AE_OK;
+        }
+        // runEnd < offset + quota, written so that a huge quota cannot overflow.
+        if (runEnd - request->offset < config->GetQuota() && !readHistory.empty()) {
+            const _READHISTORY& previous = readHistory.back();
+            const auto gap =
+                std::chrono::duration_cast<std::chrono::seconds>(read.time - previous.time);
+            if (gap.count() > kSequenceGapSeconds || previous.offset > request->offset ||
+                request->offset - previous.offset > settings.ramax) {
+                readHistory.clear();  // a pause, a backward read or a jump
+            } else if (static_cast<long long>(readHistory.size()) > settings.rahit) {
+                StartReadAheadNoLock(request, runEnd, settings);
+                result = AE_FETCH_QUEUED;
+            }
+        }
+    }
+    if (readHistory.empty()) readAheadLevel = 1;
+    readHistory.push_back(read);
+    while (readHistory.size() > kHistoryLength) readHistory.pop_front();
+    return result;
+}
+
+void ReadonlyCache::StartReadAheadNoLock(_READDATA* request, long long runEnd,
+                                         const _CACHECONFIG& settings) {
+    // The read-ahead starts at the run's last sector, which may be present
+    // already: it is simply rewritten when the data arrives.
+    long long size = std::min(readAheadSizes[readAheadLevel - 1], settings.ramax);
+    size = std::clamp(size, 0LL, fileSize - runEnd);
+    Log(LL_INFO, "[%s] Read-ahead from %lld, %lld bytes", runEnd, size);
+    ReserveNoLock(runEnd, size);
+    auto* job = new AsyncLargeFetch(this, request->fetch, runEnd, size, request->handle, false);
+    largeFetch.store(job, std::memory_order_release);
+    QueueAsync(job, nullptr);
+    readAheadLevel = std::min(readAheadLevel + 1, kMaxReadAheadLevel);
+}
+
+}  // namespace cache

@@ -1,0 +1,370 @@
+#include "cache/writable_cache.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "cache/bindings.h"
+#include "cache/fetch_jobs.h"
+#include "cache/file_io.h"
+#include "cache/readonly_cache.h"
+
+namespace cache {
+
+long long SectorCeil(long long offset) {
+    const long long start = SectorOf(offset);
+    return start == offset ? start : start + kSectorSize;
+}
+
+bool IsValidTransfer(long long offset, long long length, const void* buffer) {
+    if (offset < 0 || length < 0 || offset > kOffsetLimit) return false;
+    if (length > kOffsetLimit - offset) return false;
+    return buffer != nullptr || length == 0;
+}
+
+WritableCache::WritableCache(const std::string& cacheDir, const std::string& name,
+                             long long fileSize, IFetch*, std::shared_ptr<ICacheConfig> config)
+    : cacheDir(cacheDir), config(std::move(config)) {
+    CacheFileName naming;
+    file = CreateCacheFile(cacheDir, name, &naming);
+    this->name = std::move(naming.name);
+    displayName.Set(std::move(naming.displayName));
+    if (file == nullptr) {
+        const int error = errno;
+        Log(LL_ERROR, "[%s] Create cache file failed : %s", strerror(error));
+        throw AE_CREATE_FILE_FAILED;
+    }
+    cachePath = std::move(naming.cachePath);
+    this->fileSize.store(fileSize, std::memory_order_relaxed);
+    // A new store has fetched nothing yet. No other thread sees the store
+    // before the constructor returns; the lock only satisfies the contract.
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        if (fileSize > 0) AddMissingNoLock(0, std::min(fileSize, kOffsetLimit));
+    }
+    Log(LL_INFO, "[%s] Writable cache created");
+}
+
+WritableCache::~WritableCache() {
+    Close();
+    remove(cachePath.c_str());
+}
+
+AERROR WritableCache::Read(_READDATA* request) {
+    Log(LL_DETAIL, "[%s] Read : %p, %lld, %d", static_cast<void*>(request->buffer), request->offset,
+        static_cast<int>(request->length));
+    if (!IsValidTransfer(request->offset, request->length, request->buffer)) {
+        Log(LL_ERROR, "[%s] Read failed : invalid request");
+        return AE_READ_FAILED;
+    }
+    // The store itself never waits; the record still carries the effective
+    // time-out back to the host, as the read-only store's does.
+    if (request->timeout == 0 && config) request->timeout = config->GetConfig().readtimeout;
+
+    const long long end = request->offset + request->length;
+    if (request->fetch != nullptr) {
+        std::lock_guard<std::mutex> guard(lock);
+        std::deque<long long> wanted = MissingInNoLock(SectorOf(request->offset), end);
+        if (!wanted.empty()) FetchEmptySectors(wanted, request->fetch, request->handle);
+    }
+
+    size_t done = 0;
+    {
+        std::shared_lock<std::shared_mutex> stream(streamLock);
+        if (file == nullptr) {
+            Log(LL_ERROR, "[%s] Read failed : Invalid cache file handle");
+            return AE_INVALID_HANDLE;
+        }
+        if (!ReadAt(file, request->offset, request->buffer, static_cast<size_t>(request->length),
+                    &done)) {
+            const int error = errno;
+            Log(LL_ERROR, "[%s] Read failed : %s", strerror(error));
+            return AE_READ_NOT_SERVED;
+        }
+    }
+    request->transferred = static_cast<long long>(done);
+    Log(LL_INFO, "[%s] Read done : %p, %lld, %d/%d", static_cast<void*>(request->buffer),
+        request->offset, static_cast<int>(request->length), static_cast<int>(request->transferred));
+    return AE_OK;
+}
+
+AERROR WritableCache::Write(_WRITEDATA* request) {
+    const void* buffer = request->buffer;
+    Log(LL_INFO, "[%s] Write : %p, %lld, %d", buffer, request->offset,
+        static_cast<int>(request->length));
+    if (!IsValidTransfer(request->offset, request->length, buffer)) {
+        Log(LL_ERROR, "[%s] Write failed : invalid request");
+        return AE_WRITE_FAILED;
+    }
+    const long long offset = request->offset;
+    const long long end = offset + request->length;
+    const long long first = SectorOf(offset);
+
+    // The sectors this write touches leave the missing list before the bytes
+    // land, so that no fill started meanwhile by another request can copy
+    // remote data over them. If the write fails they are listed again.
+    std::deque<long long> unlisted;
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        const bool wholeFile = offset == 0 && end == request->fileSize;
+        if (request->fetch != nullptr && !wholeFile && !missing.empty()) {
+            // Read-modify-write: only a partly covered head or tail sector
+            // needs the remote's bytes around the written ones.
+            const long long last = request->length > 0 ? SectorOf(end - 1) : first;
+            std::deque<long long> partial;
+            if (IsMissingNoLock(first) && (first < offset || end < first + kSectorSize)) {
+                partial.push_back(first);
+            }
+            if (last != first && IsMissingNoLock(last) && end < last + kSectorSize) {
+                partial.push_back(last);
+            }
+            if (!partial.empty()) FetchEmptySectors(partial, request->fetch, request->handle);
+        }
+        unlisted = MissingInNoLock(first, end);
+        RemoveMissingNoLock(first, end);
+    }
+
+    size_t done = 0;
+    long long cacheSize = 0;
+    AERROR result = AE_OK;
+    {
+        std::shared_lock<std::shared_mutex> stream(streamLock);
+        if (file == nullptr) {
+            Log(LL_ERROR, "[%s] Write failed : Invalid cache file handle");
+            return AE_INVALID_HANDLE;
+        }
+        if (WriteAt(file, offset, buffer, static_cast<size_t>(request->length), &done)) {
+            cacheSize = StreamSize(file);
+        } else {
+            const int error = errno;
+            Log(LL_ERROR, "[%s] Write failed : %s", strerror(error));
+            result = AE_WRITE_FAILED;
+        }
+    }
+    if (result != AE_OK) {
+        std::lock_guard<std::mutex> guard(lock);
+        if (file != nullptr) {
+            for (long long sector : unlisted) AddMissingNoLock(sector, sector + 1);
+        }
+        return result;
+    }
+
+    request->transferred = static_cast<long long>(done);
+    RaiseFileSize(cacheSize);
+    Log(LL_INFO, "[%s] Write done : %p, %lld, %d/%d", buffer, offset,
+        static_cast<int>(request->length), static_cast<int>(request->transferred));
+    return AE_OK;
+}
+
+AERROR WritableCache::Reserve(long long, long long) {
+    return AE_OK;
+}
+
+AERROR WritableCache::ClearReserved(long long, long long) {
+    return AE_OK;
+}
+
+AERROR WritableCache::Close() {
+    std::lock_guard<std::mutex> guard(lock);
+    std::unique_lock<std::shared_mutex> stream(streamLock);
+    if (file == nullptr) return AE_INVALID_HANDLE;
+    CloseHandle(file);
+    file = nullptr;
+    missing.clear();
+    return AE_OK;
+}
+
+AERROR WritableCache::Truncate(long long size) {
+    std::lock_guard<std::mutex> guard(lock);
+    if (file == nullptr) {
+        Log(LL_ERROR, "[%s] Truncate failed : Invalid cache file handle");
+        return AE_INVALID_HANDLE;
+    }
+    if (size < 0 || size > kOffsetLimit || ftruncate(fileno(file), size) != 0) {
+        const int error = size < 0 || size > kOffsetLimit ? EINVAL : errno;
+        Log(LL_ERROR, "[%s] Truncate failed : %s", strerror(error));
+        return AE_WRITE_FAILED;
+    }
+    const long long known = fileSize.load(std::memory_order_relaxed);
+    if (size > known) {
+        // The old partial last sector is listed again with the new ones: the
+        // remote may hold bytes past what this store knew as the end.
+        AddMissingNoLock(SectorOf(std::max(known, 0LL)), size);
+    } else {
+        RemoveMissingNoLock(SectorOf(size) + kSectorSize, known);
+    }
+    return AE_OK;
+}
+
+bool WritableCache::IsReadonly() {
+    return false;
+}
+
+ICacheFile* WritableCache::RebuildToWritableCache(IFetch*, ICacheConfig*) {
+    return nullptr;
+}
+
+ICacheFile* WritableCache::RebuildToReadonlyCache(IFetch*, ICacheConfig*) {
+    Log(LL_INFO, "[%s] Writable cache to read only cache");
+    return new ReadonlyCache(this, config);
+}
+
+void WritableCache::ClearOldCache(bool) {}
+
+long long WritableCache::GetFileSize() {
+    std::shared_lock<std::shared_mutex> stream(streamLock);
+    return file != nullptr ? StreamSize(file) : 0;
+}
+
+long long WritableCache::GetLargestEmptyOffset(long long) {
+    return -1;
+}
+
+AERROR WritableCache::FillEmptySectors(IFetch* fetch) {
+    if (fetch == nullptr) return AE_OK;
+    std::lock_guard<std::mutex> guard(lock);
+    // The fill is not tied to any host request, so it carries a handle of
+    // its own that nobody closes.
+    auto handle = std::make_shared<_FS_HANDLE>();
+    handle->state = 2;
+    handle->data = 0;
+    handle->hostHandle = fetch->GetHostHandle();
+    if (missing.empty()) return AE_OK;
+    std::map<long long, long long> runs;
+    for (const auto& [start, stop] : missing) runs.emplace(start, stop - start);
+    FetchRunsNoLock(runs, fetch, handle);
+    return AE_OK;
+}
+
+void WritableCache::ChangeFileName(std::string newName) {
+    name = newName;
+    displayName.Set(std::move(newName));
+}
+
+AERROR WritableCache::FetchWrite(long long offset, const char* data, long length, long* written) {
+    Log(LL_DETAIL, "[%s] FetchWrite : %p, %lld, %d", static_cast<const void*>(data), offset,
+        static_cast<int>(length));
+    if (data == nullptr || !IsValidTransfer(offset, length, data)) {
+        Log(LL_ERROR, "[%s] Fetch write failed : invalid request");
+        return AE_WRITE_FAILED;
+    }
+    if (file == nullptr) {
+        Log(LL_ERROR, "[%s] Fetch write failed : Invalid cache file handle");
+        return AE_INVALID_HANDLE;
+    }
+    size_t done = 0;
+    if (!WriteAt(file, offset, data, static_cast<size_t>(length), &done)) {
+        const int error = errno;
+        Log(LL_ERROR, "[%s] Fetch write failed : %s", strerror(error));
+        return AE_WRITE_FAILED;
+    }
+    if (written != nullptr) *written = static_cast<long>(done);
+    RaiseFileSize(StreamSize(file));
+    // A host may deliver a run of several sectors in one piece: every sector
+    // the piece starts in is present now.
+    RemoveMissingNoLock(SectorOf(offset), offset + static_cast<long long>(done));
+    return AE_OK;
+}
+
+FILE* WritableCache::TakeStream() {
+    std::lock_guard<std::mutex> guard(lock);
+    std::unique_lock<std::shared_mutex> stream(streamLock);
+    FILE* taken = file;
+    file = nullptr;
+    missing.clear();
+    return taken;
+}
+
+void WritableCache::FetchEmptySectors(std::deque<long long>& sectors, IFetch* fetch,
+                                      std::shared_ptr<_FS_HANDLE> handle) {
+    std::map<long long, long long> runs;  // start -> length
+    std::map<long long, long long> ends;  // end -> start, for the run ending at a sector
+    for (long long sector : sectors) {
+        auto after = runs.upper_bound(sector);
+        if (after != runs.begin()) {
+            auto run = std::prev(after);
+            if (run->first + run->second > sector) continue;  // listed twice
+        }
+        auto joined = ends.find(sector);
+        if (joined != ends.end()) {
+            const long long start = joined->second;
+            ends.erase(joined);
+            runs[start] += kSectorSize;
+            ends.emplace(sector + kSectorSize, start);
+        } else {
+            runs.emplace(sector, kSectorSize);
+            ends.emplace(sector + kSectorSize, sector);
+        }
+    }
+    FetchRunsNoLock(runs, fetch, handle);
+}
+
+void WritableCache::FetchRunsNoLock(const std::map<long long, long long>& runs, IFetch* fetch,
+                                    const std::shared_ptr<_FS_HANDLE>& handle) {
+    for (const auto& [start, length] : runs) {
+        // A failed run stays missing; the next one is fetched regardless.
+        SyncFetchForWritableCache(this, fetch, start, static_cast<long>(length), handle).Process();
+    }
+}
+
+void WritableCache::AddMissingNoLock(long long first, long long end) {
+    long long lo = SectorOf(first);
+    long long hi = SectorCeil(std::min(end, kOffsetLimit));
+    if (hi <= lo) return;
+    // Absorb every run that overlaps or touches [lo, hi).
+    auto run = missing.upper_bound(lo);
+    if (run != missing.begin() && std::prev(run)->second >= lo) --run;
+    while (run != missing.end() && run->first <= hi) {
+        lo = std::min(lo, run->first);
+        hi = std::max(hi, run->second);
+        run = missing.erase(run);
+    }
+    missing.emplace(lo, hi);
+}
+
+void WritableCache::RemoveMissingNoLock(long long first, long long end) {
+    const long long lo = SectorCeil(std::clamp(first, 0LL, kOffsetLimit));
+    const long long hi = SectorCeil(std::clamp(end, 0LL, kOffsetLimit));
+    if (hi <= lo) return;
+    auto run = missing.upper_bound(lo);
+    if (run != missing.begin() && std::prev(run)->second > lo) --run;
+    while (run != missing.end() && run->first < hi) {
+        const long long start = run->first;
+        const long long stop = run->second;
+        run = missing.erase(run);
+        if (start < lo) missing.emplace(start, lo);
+        if (stop > hi) run = missing.emplace(hi, stop).first;
+    }
+}
+
+bool WritableCache::IsMissingNoLock(long long sector) const {
+    auto run = missing.upper_bound(sector);
+    return run != missing.begin() && std::prev(run)->second > sector;
+}
+
+std::deque<long long> WritableCache::MissingInNoLock(long long first, long long end) const {
+    std::deque<long long> found;
+    const long long lo = SectorCeil(std::clamp(first, 0LL, kOffsetLimit));
+    const long long hi = SectorCeil(std::clamp(end, 0LL, kOffsetLimit));
+    if (hi <= lo) return found;
+    auto run = missing.upper_bound(lo);
+    if (run != missing.begin() && std::prev(run)->second > lo) --run;
+    for (; run != missing.end() && run->first < hi; ++run) {
+        for (long long sector = std::max(run->first, lo); sector < std::min(run->second, hi);
+             sector += kSectorSize) {
+            found.push_back(sector);
+        }
+    }
+    return found;
+}
+
+void WritableCache::RaiseFileSize(long long size) {
+    long long known = fileSize.load(std::memory_order_relaxed);
+    while (size > known &&
+           !fileSize.compare_exchange_weak(known, size, std::memory_order_relaxed)) {
+    }
+}
+
+}  // namespace cache

@@ -1,0 +1,171 @@
+// WritableCache: the dense store of a remote file that the host is writing.
+//
+// Byte n of the remote file lives at byte n of the cache file. Sectors not
+// yet fetched are listed as missing; reads and partial writes fetch the
+// missing sectors they touch synchronously, under the store's lock, through
+// the host's fetcher.
+//
+// Threads: any host thread may call any operation. `lock` serialises fills
+// and the bookkeeping; the file itself is read and written with positioned
+// I/O outside `lock`, so concurrent requests on disjoint ranges never disturb
+// each other. A transfer holds `streamLock` shared, which keeps the stream
+// open under it; closing or handing over the stream takes it exclusively.
+// Lock order: `lock` before `streamLock`; nothing that holds `streamLock`
+// takes `lock`.
+#ifndef CACHE_WRITABLE_CACHE_H_
+#define CACHE_WRITABLE_CACHE_H_
+
+#include <atomic>
+#include <climits>
+#include <cstdio>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+
+#include "cache/bindings.h"
+#include "cache/cache.h"
+#include "cache/display_name.h"
+#include "cache/file_io.h"
+
+namespace cache {
+
+// The start of the last whole sector that 64-bit offsets can name. Valid
+// ranges end at or below it, so rounding an end up to a sector never
+// overflows.
+inline constexpr long long kOffsetLimit = LLONG_MAX - LLONG_MAX % kSectorSize;
+
+// `offset` rounded up to a sector boundary. REQUIRES: 0 <= offset <=
+// kOffsetLimit.
+long long SectorCeil(long long offset);
+
+// True when a transfer of `length` bytes at remote `offset` through `buffer`
+// is one a store can carry out: offset and length not negative, the range
+// ending at or below the last whole sector that 64-bit offsets can name, and
+// a buffer whenever there are bytes to move. The stores refuse anything else
+// before touching their state.
+bool IsValidTransfer(long long offset, long long length, const void* buffer);
+
+class WritableCache : public ICacheFile, public IFetchCallback {
+  public:
+    // Creates the cache file in `cacheDir` (which ends with a separator) and
+    // lists every sector below `fileSize` as missing. Throws AE_CREATE_FILE_FAILED
+    // (3004) when the file cannot be created. `fetch` is not kept.
+    WritableCache(const std::string& cacheDir, const std::string& name, long long fileSize,
+                  IFetch* fetch, std::shared_ptr<ICacheConfig> config);
+    WritableCache(const WritableCache&) = delete;
+    WritableCache& operator=(const WritableCache&) = delete;
+
+    // Fetches the missing sectors of the range first when the request has a
+    // fetcher; without one, unfetched parts read as zero bytes and the count
+    // stops at the end of the cache file. 0, 3005 when closed, 3008 for an
+    // invalid request or a failing read.
+    AERROR Read(_READDATA* request) override;
+    // Fetches the partly covered, missing head and tail sectors first (when
+    // the request has a fetcher and does not cover the whole file), then
+    // writes. 0, 3005 when closed, 3007 for an invalid request or a failing
+    // write.
+    AERROR Write(_WRITEDATA* request) override;
+    // A writable store has no reservations: both return 0.
+    AERROR Reserve(long long offset, long long length) override;
+    AERROR ClearReserved(long long offset, long long length) override;
+    // Waits for running transfers, then closes the file; 3005 when closed.
+    AERROR Close() override;
+    // Sets the cache file's size. Growing lists the new sectors (and the old
+    // partial last one) as missing; shrinking unlists those past the end.
+    // The recorded remote size is left alone. 3005 when closed, 3007 when
+    // the file cannot be resized.
+    AERROR Truncate(long long size) override;
+    bool IsReadonly() override;
+    // Always null: there is no conversion to the same kind.
+    ICacheFile* RebuildToWritableCache(IFetch* fetch, ICacheConfig* config) override;
+    // A ReadonlyCache that takes over this store's stream (and this store's
+    // shared configuration; the arguments are not used); the caller owns it.
+    // Nothing is fetched. Throws AE_CREATE_FILE_FAILED when this store is
+    // closed.
+    ICacheFile* RebuildToReadonlyCache(IFetch* fetch, ICacheConfig* config) override;
+    // Does nothing: a writable store never evicts.
+    void ClearOldCache(bool overLimit) override;
+    // Size of the cache file; 0 when closed. Takes no part of `lock`.
+    long long GetFileSize() override;
+    // Always -1.
+    long long GetLargestEmptyOffset(long long offset) override;
+    // Fetches every missing sector with a handle of its own; always 0.
+    AERROR FillEmptySectors(IFetch* fetch) override;
+    // Renames the store in log lines; the cache file keeps its name.
+    // REQUIRES: no concurrent GetName (the owning cache object's lock).
+    void ChangeFileName(std::string newName) override;
+
+    // Deletes the cache file (also after the stream was taken over).
+    virtual ~WritableCache();
+
+    // The sink of fills: writes the piece at its own offset and unlists the
+    // sectors it starts in. 0, 3005 when closed, 3007 for a negative length,
+    // null data or a failing write. REQUIRES: `lock` held (fills run inside
+    // Read, Write and FillEmptySectors).
+    AERROR FetchWrite(long long offset, const char* data, long length, long* written) override;
+
+    // Fetches the listed sectors, merged into runs in list order: a sector
+    // extends the run that ends at it, or starts a run of its own. Repeated
+    // entries are fetched once. Failed runs stay missing. REQUIRES: `lock`
+    // held.
+    void FetchEmptySectors(std::deque<long long>& sectors, IFetch* fetch,
+                           std::shared_ptr<_FS_HANDLE> handle);
+
+    // Hand-over to a ReadonlyCache built from this store: the stream leaves
+    // this store, which is closed from then on. Waits for running transfers.
+    FILE* TakeStream();
+    const std::string& GetCacheDir() const { return cacheDir; }
+    const std::string& GetName() const { return name; }
+    std::shared_ptr<const std::string> GetFileName() const { return displayName.Get(); }
+    const std::shared_ptr<ICacheConfig>& GetConfig() const { return config; }
+
+  private:
+    // Writes one log line about this store; `format` starts with "[%s]",
+    // which receives the display name, and `args` fill the rest.
+    template <typename... Args>
+    void Log(LOGLEVEL level, const char* format, Args... args) const {
+        ILog* log = CurrentLogger();
+        if (log == nullptr) return;
+        const auto shown = GetFileName();
+        __LOG__A(log, level | LL_CACHE, format, shown->c_str(), args...);
+    }
+
+    // Missing sectors as sorted, disjoint, non-adjacent runs: start -> end,
+    // both multiples of the sector size. A run per gap keeps a huge sparse
+    // file cheap, and lookups logarithmic.
+    using MissingRuns = std::map<long long, long long>;
+
+    // Lists every sector that starts in [first, end). REQUIRES: `lock` held.
+    void AddMissingNoLock(long long first, long long end);
+    // Unlists every sector that starts in [first, end). REQUIRES: `lock` held.
+    void RemoveMissingNoLock(long long first, long long end);
+    // Whether `sector` is listed as missing. REQUIRES: `lock` held.
+    bool IsMissingNoLock(long long sector) const;
+    // The missing sectors that start in [first, end), ascending.
+    // REQUIRES: `lock` held.
+    std::deque<long long> MissingInNoLock(long long first, long long end) const;
+    // Runs SyncFetchForWritableCache for each run (start -> length) in
+    // ascending order, regardless of failures. REQUIRES: `lock` held.
+    void FetchRunsNoLock(const std::map<long long, long long>& runs, IFetch* fetch,
+                         const std::shared_ptr<_FS_HANDLE>& handle);
+    // Raises the recorded remote size to `size` if that is larger.
+    void RaiseFileSize(long long size);
+
+    std::string cacheDir;
+    std::string name;
+    DisplayName displayName;
+    std::string cachePath;
+    std::mutex lock;                     // guards missing and fills; see the class comment
+    std::shared_mutex streamLock;        // held shared by transfers; see the class comment
+    FILE* file = nullptr;                // written holding both locks; read holding either
+    std::atomic<long long> fileSize{0};  // largest remote size known; only grows
+    MissingRuns missing;                 // guarded by `lock`
+    std::shared_ptr<ICacheConfig> config;
+};
+
+}  // namespace cache
+
+#endif  // CACHE_WRITABLE_CACHE_H_

@@ -1,0 +1,240 @@
+// Host writes into both kinds of store, driven as a host drives them: the
+// writable store fetches only the partly covered sectors it lacks; the
+// read-only store fetches every missing sector a write touches first and
+// waits for them, through the host's queue or at once.
+#include <climits>
+#include <tuple>
+
+#include "tests/store_test_support.h"
+
+namespace storetest {
+namespace {
+
+using WritableTest = StoreTest;
+using ReadonlyWriteTest = StoreTest;
+
+std::vector<char> Contents(WritableCache& store) {
+    return Read(store, nullptr, 0, 0, store.GetFileSize()).bytes;
+}
+
+TEST_F(WritableTest, RequestsFetchOnlyTheMissingSectorsTheyNeedAndConvert) {
+    MakeRemote(10 * kSector + 123);
+    auto store = Writable("share:f.bin", Size());
+    EXPECT_EQ(Read(*store, nullptr, 0, 100, 1000).transferred, 0);  // nothing held yet
+    EXPECT_TRUE(ReadsRemote(*store, kSector + 10, kSector, fetch.get()));
+    EXPECT_EQ(fetch->Take(), (Calls{{kSector, 2 * kSector}}));
+
+    // From inside sector 2 to inside sector 5: only the partly covered
+    // missing tail is fetched (the head is cached).
+    auto image = remote;
+    const auto wide = Pattern(3 * kSector + 500, 'w');
+    EXPECT_EQ(Write(*store, fetch.get(), 0, 2 * kSector + 1000, wide), AE_OK);
+    EXPECT_EQ(fetch->Take(), (Calls{{5 * kSector, kSector}}));
+    Overlay(image, 2 * kSector + 1000, wide);
+    // Exactly sector 7 fetches nothing, not even its missing neighbour; a
+    // blind write leaves the rest of sector 9 unfetched, as zeros.
+    EXPECT_EQ(Write(*store, fetch.get(), 0, 7 * kSector, Pattern(kSector, 'a')), AE_OK);
+    Overlay(image, 7 * kSector, Pattern(kSector, 'a'));
+    EXPECT_EQ(Write(*store, nullptr, 0, 9 * kSector + 5, Pattern(10, 'b')), AE_OK);
+    Overlay(image, 9 * kSector, std::vector<char>(kSector, '\0'));
+    Overlay(image, 9 * kSector + 5, Pattern(10, 'b'));
+    EXPECT_TRUE(fetch->Take().empty());
+    EXPECT_EQ(Read(*store, fetch.get(), 0, 0, 11 * kSector).bytes, image);
+    EXPECT_EQ(fetch->Take(), (Calls{{0, kSector},
+                                    {6 * kSector, kSector},
+                                    {8 * kSector, kSector},
+                                    {10 * kSector, kSector}}));
+
+    // Converted, the store serves those bytes without fetching; a write
+    // needs no fetcher. A sector appended after the short last slot starts on
+    // the next boundary, so growing the short one later never spills into it.
+    std::unique_ptr<ReadonlyCache> readonly(
+        static_cast<ReadonlyCache*>(store->RebuildToReadonlyCache(fetch.get(), nullptr)));
+    EXPECT_TRUE(log.HasText("[f.bin] Read only cache from writable cache created"));
+    EXPECT_THROW(ReadonlyCache(store.get(), Config()), AERROR);  // the stream has moved
+    store.reset();  // removes the path; the read-only store keeps the stream
+    EXPECT_EQ(Write(*readonly, nullptr, 0, 11 * kSector + 5, Pattern(10, 'c')), AE_OK);
+    EXPECT_EQ(Write(*readonly, nullptr, 0, 10 * kSector + 1000, Pattern(kSector - 1000, 'd')),
+              AE_OK);
+    Overlay(image, 11 * kSector + 5, Pattern(10, 'c'));
+    Overlay(image, 10 * kSector + 1000, Pattern(kSector - 1000, 'd'));
+    EXPECT_EQ(readonly->GetFileSize(), std::ssize(image));
+    EXPECT_EQ(Read(*readonly, fetch.get(), std::ssize(image), 0, std::ssize(image)).bytes, image);
+    EXPECT_TRUE(fetch->Take().empty());
+
+    // A write of the whole file as the request gives its size fetches
+    // nothing; with another size the partial tail is fetched first.
+    const auto whole = Pattern(200000, 'y');
+    auto rewritten = Writable("whole.bin", 200000);
+    EXPECT_EQ(Write(*rewritten, fetch.get(), 200000, 0, whole), AE_OK);
+    EXPECT_EQ(rewritten->FillEmptySectors(fetch.get()), AE_OK);
+    EXPECT_TRUE(fetch->Take().empty());
+    EXPECT_EQ(Contents(*rewritten), whole);
+    auto other = Writable("other.bin", 200000);
+    EXPECT_EQ(Write(*other, fetch.get(), 0, 0, whole), AE_OK);
+    EXPECT_EQ(fetch->Take(), (Calls{{3 * kSector, kSector}}));
+}
+
+TEST_F(WritableTest, TruncateAndFillsWorkOnRunsOfMissingSectors) {
+    MakeRemote(10 * kSector);
+    auto shrunk = Writable("shrunk.bin", Size());
+    ASSERT_EQ(shrunk->Truncate(3 * kSector + 5), AE_OK);
+    EXPECT_EQ(shrunk->GetFileSize(), 3 * kSector + 5);
+    EXPECT_EQ(shrunk->FillEmptySectors(fetch.get()), AE_OK);
+    EXPECT_EQ(fetch->Take(), (Calls{{0, 4 * kSector}}));
+    EXPECT_EQ(Contents(*shrunk), Slice(remote, 0, 4 * kSector));
+
+    // Growing lists the new sectors and the old partial last one again; a
+    // failed run stays missing for the next fill.
+    auto grown = Writable("grown.bin", 0);
+    EXPECT_EQ(Write(*grown, nullptr, 0, 0, Pattern(100000, 'g')), AE_OK);
+    ASSERT_EQ(grown->Truncate(200000), AE_OK);
+    EXPECT_EQ(grown->GetFileSize(), 200000);
+    fetch->failTo = kSector + 1;
+    EXPECT_EQ(grown->FillEmptySectors(fetch.get()), AE_OK);
+    EXPECT_TRUE(log.HasText("[grown.bin] Read-ahead for writable cache failed : 65536, 196608"));
+    fetch->failTo = 0;
+    EXPECT_EQ(grown->FillEmptySectors(fetch.get()), AE_OK);
+    EXPECT_EQ(fetch->Take(), (Calls{{kSector, 3 * kSector}, {kSector, 3 * kSector}}));
+    EXPECT_EQ(grown->Truncate(-1), AE_WRITE_FAILED);
+    EXPECT_TRUE(log.HasText("[grown.bin] Truncate failed : Invalid argument"));
+}
+
+TEST_F(WritableTest, WriteDuringAFillOfItsSectorIsNotOverwritten) {
+    MakeRemote(4 * kSector);
+    auto store = Writable("f.bin", Size());
+    fetch->SetGate(false);
+    // A reader fills sectors 1 and 2 while a blind write covers sector 2:
+    // whichever lands first, the written bytes must win.
+    std::thread reader([&] { Read(*store, fetch.get(), 0, kSector, 2 * kSector); });
+    EXPECT_TRUE(fetch->WaitForHeld(1));
+    const auto bytes = Pattern(kSector, 'q');
+    std::thread writer([&] { Write(*store, nullptr, 0, 2 * kSector, bytes); });
+    // Nothing marks the writer reaching the store: give it the chance.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    fetch->SetGate(true);
+    reader.join();
+    writer.join();
+    auto image = remote;
+    Overlay(image, 2 * kSector, bytes);
+    EXPECT_EQ(Read(*store, nullptr, 0, kSector, 2 * kSector).bytes,
+              Slice(image, kSector, 2 * kSector));
+}
+
+TEST_F(WritableTest, ConcurrentDisjointWritesAndReadsLandWhereWritten) {
+    constexpr int kThreads = 4;
+    constexpr long long kSpan = 3 * kSector + 777;  // neighbours share sectors
+    constexpr long long kPiece = 10007, kPieces = (kSpan + kPiece - 1) / kPiece;
+    MakeRemote(kThreads * kSpan);
+    auto store = Writable("f.bin", Size());
+    auto image = remote;
+    for (int t = 0; t < kThreads; ++t) Overlay(image, t * kSpan, Pattern(kSpan, 'A' + t));
+    std::atomic<bool> done{false};
+    std::thread sizer([&] {
+        while (!done) EXPECT_LE(store->GetFileSize(), Size());
+    });
+    std::vector<std::thread> writers;
+    for (int t = 0; t < kThreads; ++t) {
+        // Unaligned pieces in a scrambled order, with and without fetching,
+        // each read back at once.
+        writers.emplace_back([&, t] {
+            for (long long k = 0; k < kPieces; ++k) {
+                const long long start = t * kSpan + k * 7 % kPieces * kPiece;
+                const std::vector<char> piece(
+                    image.begin() + start,
+                    image.begin() + std::min(start + kPiece, (t + 1) * kSpan));
+                IFetch* source = k % 2 == 0 ? fetch.get() : nullptr;
+                EXPECT_EQ(Write(*store, source, Size(), start, piece), AE_OK);
+                EXPECT_EQ(Read(*store, source, Size(), start, std::ssize(piece)).bytes, piece);
+            }
+        });
+    }
+    for (auto& writer : writers) writer.join();
+    done = true;
+    sizer.join();
+    ASSERT_EQ(store->FillEmptySectors(fetch.get()), AE_OK);
+    EXPECT_EQ(Contents(*store), image);
+}
+
+TEST_F(WritableTest, BadRequestsToEitherStoreAreRefused) {
+    MakeRemote(2 * kSector);
+    EXPECT_THROW(WritableCache(dir.Sub("no/"), "f.bin", 10, nullptr, Config()), AERROR);
+    auto writable = Writable("f.bin", Size());
+    auto readonly = ReadOnly("r.bin");
+    char byte = 'z';
+    for (ICacheFile* store : std::initializer_list<ICacheFile*>{writable.get(), readonly.get()}) {
+        for (auto [offset, length, buffer] : {std::tuple{-1LL, 1LL, &byte},
+                                              {0LL, -5LL, &byte},
+                                              {0LL, 1LL, nullptr},
+                                              {LLONG_MAX - 10, 100LL, &byte}}) {
+            _WRITEDATA write{buffer, offset, length, 0, nullptr, 0, fetch.get(), 0};
+            EXPECT_EQ(store->Write(&write), AE_WRITE_FAILED) << offset << ", " << length;
+            _READDATA read{buffer, offset, length, 0, nullptr, 0, fetch.get(), 0, RD_NONE};
+            EXPECT_EQ(store->Read(&read), AE_READ_FAILED) << offset << ", " << length;
+        }
+    }
+    EXPECT_EQ(log.WithFormat("[%s] Write failed : invalid request").size(), 8u);
+    EXPECT_EQ(log.WithFormat("[%s] Read failed : invalid request").size(), 8u);
+    EXPECT_EQ(readonly->FetchWrite(0, remote.data(), -1, nullptr), AE_WRITE_FAILED);
+    EXPECT_EQ(readonly->FetchWrite(0, nullptr, 10, nullptr), AE_WRITE_FAILED);
+    EXPECT_EQ(log.WithFormat("[%s] Fetch write failed : invalid data").size(), 2u);
+    EXPECT_TRUE(ReadonlyCachePeer::Sectors(*readonly).empty());
+    EXPECT_EQ(writable->FillEmptySectors(fetch.get()), AE_OK);  // still all missing
+    EXPECT_EQ(fetch->Take(), (Calls{{0, 2 * kSector}}));
+}
+
+TEST_F(ReadonlyWriteTest, WriteFetchesMissingSectorsFirstOrGivesUp) {
+    MakeRemote(8 * kSector);
+    for (bool queued : {false, true}) {
+        SCOPED_TRACE(queued ? "through the queue" : "inside the write");
+        if (queued) UseQueue();
+        auto store = ReadOnly(queued ? "queued.bin" : "inline.bin");
+        ASSERT_EQ(Deliver(*store, 0, 3 * kSector), AE_OK);
+        // Mid-sector across three sectors, the last two missing: they come
+        // in one run. A write into a present sector fetches nothing.
+        auto image = remote;
+        const auto wide = Pattern(2 * kSector, 'w');
+        EXPECT_EQ(Write(*store, fetch.get(), Size(), 2 * kSector + 1000, wide), AE_OK);
+        EXPECT_EQ(fetch->Take(), (Calls{{3 * kSector, 2 * kSector}}));
+        Overlay(image, 2 * kSector + 1000, wide);
+        EXPECT_EQ(Write(*store, fetch.get(), Size(), 70000, Pattern(100, 's')), AE_OK);
+        Overlay(image, 70000, Pattern(100, 's'));
+        EXPECT_TRUE(fetch->Take().empty());
+        EXPECT_EQ(Read(*store, nullptr, Size(), 0, 6 * kSector).bytes,
+                  Slice(image, 0, 5 * kSector));
+    }
+
+    // The remote stops answering: a write gives up at its time-out, or when
+    // the host has closed its handle, leaving the fetch in flight; a failing
+    // fetch fails it at once. Only the gate releases the held fetch.
+    auto store = ReadOnly();
+    fetch->SetGate(false);
+    auto started = std::chrono::steady_clock::now();
+    auto elapsed = [&] { return std::chrono::steady_clock::now() - started; };
+    EXPECT_EQ(Write(*store, fetch.get(), Size(), 10, Pattern(10, 't'), 100), AE_WRITE_FAILED);
+    EXPECT_GE(elapsed(), std::chrono::milliseconds(100));
+    EXPECT_LT(elapsed(), std::chrono::seconds(5));  // not the default 10 s
+    EXPECT_EQ(log.WithFormat("[%s] Write timed-out : %p, %lld, %d").size(), 1u);
+
+    // Sector 0 stays reserved: the next writer waits for the same fetch.
+    auto handle = testhost::OpenHandle();
+    std::atomic_ref<int32_t>(handle->state).store(4);
+    EXPECT_EQ(Write(*store, fetch.get(), Size(), 20, Pattern(10, 'u'), 20000, handle),
+              AE_WRITE_FAILED);
+    EXPECT_EQ(log.WithFormat("[%s] Write handle closed : %p, %lld, %d").size(), 1u);
+    fetch->SetGate(true);
+    queue->WaitIdle();
+    EXPECT_EQ(fetch->Take(), (Calls{{0, kSector}}));
+
+    fetch->failFrom = 2 * kSector;
+    fetch->failTo = 3 * kSector;
+    started = std::chrono::steady_clock::now();
+    EXPECT_EQ(Write(*store, fetch.get(), Size(), 2 * kSector, Pattern(kSector, 'x')),
+              AE_WRITE_FAILED);
+    EXPECT_LT(elapsed(), std::chrono::seconds(5));
+    EXPECT_EQ(log.WithFormat("[%s] Write failed : %p, %lld, %d").size(), 1u);
+    EXPECT_EQ(fetch->Take(), (Calls{{2 * kSector, kSector}}));
+}
+
+}  // namespace
+}  // namespace storetest
