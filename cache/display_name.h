@@ -11,10 +11,12 @@
 #include <mutex>
 #include <string>
 
+#include "cache/bindings.h"
+
 namespace cache {
 
 class DisplayName {
-public:
+  public:
     explicit DisplayName(std::string text = std::string())
         : text_(std::make_shared<const std::string>(std::move(text))) {}
     DisplayName(const DisplayName&) = delete;
@@ -26,13 +28,25 @@ public:
         return text_;
     }
 
+    // Writes one log line about the store of this name at `level` (the
+    // module bit is added): `format` starts with "[%s]", which receives the
+    // name, and `args` fill the rest. Costs only a load when no logger is
+    // bound.
+    template <typename... Args>
+    void Log(LOGLEVEL level, const char* format, Args... args) const {
+        ILog* log = CurrentLogger();
+        if (log == nullptr) return;
+        const std::shared_ptr<const std::string> name = Get();
+        __LOG__A(log, level | LL_CACHE, format, name->c_str(), args...);
+    }
+
     void Set(std::string text) {
         auto next = std::make_shared<const std::string>(std::move(text));
         std::lock_guard<std::mutex> guard(lock_);
         text_.swap(next);
     }
 
-private:
+  private:
     mutable std::mutex lock_;  // a leaf lock, held only to copy the pointer
     std::shared_ptr<const std::string> text_;
 };

@@ -29,7 +29,6 @@
 #include <string>
 #include <vector>
 
-#include "cache/bindings.h"
 #include "cache/cache.h"
 #include "cache/display_name.h"
 
@@ -179,10 +178,7 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // nothing beyond a load when no logger is bound.
     template <typename... Args>
     void Log(LOGLEVEL level, const char* format, Args... args) const {
-        ILog* log = CurrentLogger();
-        if (log == nullptr) return;
-        const auto name = GetFileName();
-        __LOG__A(log, level | LL_CACHE, format, name->c_str(), args...);
+        displayName.Log(level, format, args...);
     }
 
     // Fetch jobs alive for this store; Close waits for zero. Jobs add

@@ -25,7 +25,6 @@
 #include <shared_mutex>
 #include <string>
 
-#include "cache/bindings.h"
 #include "cache/cache.h"
 #include "cache/display_name.h"
 #include "cache/file_io.h"
@@ -127,10 +126,7 @@ class WritableCache : public ICacheFile, public IFetchCallback {
     // which receives the display name, and `args` fill the rest.
     template <typename... Args>
     void Log(LOGLEVEL level, const char* format, Args... args) const {
-        ILog* log = CurrentLogger();
-        if (log == nullptr) return;
-        const auto shown = GetFileName();
-        __LOG__A(log, level | LL_CACHE, format, shown->c_str(), args...);
+        displayName.Log(level, format, args...);
     }
 
     // Missing sectors as sorted, disjoint, non-adjacent runs: start -> end,
