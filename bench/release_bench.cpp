@@ -2,58 +2,33 @@
 // few open objects: the quota thread must stop at once instead of finishing
 // its pause, and objects whose last owner is the cache close their stores.
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <memory>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "cache/cache.h"
 #include "hostkit/file_fetcher.h"
+#include "hostkit/read_range.h"
+#include "hostkit/scratch.h"
 #include "hostkit/thread_pool_queue.h"
 
 namespace {
 
 constexpr long long kRemoteSize = 1 << 20;
 
-// A scratch directory with a remote file of pseudo-random bytes.
-class Scratch {
-  public:
-    Scratch() {
-        std::string pattern = std::filesystem::temp_directory_path().string() + "/release-XXXXXX";
-        if (mkdtemp(pattern.data()) == nullptr) abort();
-        root_ = pattern;
-        std::mt19937_64 random(1);
-        std::vector<char> bytes(kRemoteSize);
-        for (char& byte : bytes) byte = static_cast<char>(random());
-        std::ofstream(Remote(), std::ios::binary).write(bytes.data(), kRemoteSize);
-    }
-    ~Scratch() {
-        std::error_code ignored;
-        std::filesystem::remove_all(root_, ignored);
-    }
-    std::string Remote() const { return root_ + "/remote.bin"; }
-    std::string CacheDir() const { return root_ + "/cache"; }
-
-  private:
-    std::string root_;
-};
-
 // Arguments: the number of open objects, and whether the host still holds
 // them (1) or the cache holds their last reference (0).
 void BM_ReleaseCache(benchmark::State& state) {
     const int objects = static_cast<int>(state.range(0));
     const bool hostHolds = state.range(1) != 0;
-    Scratch scratch;
+    hostkit::ScratchDir scratch("release-");
+    hostkit::WriteRandomFile(scratch.Sub("remote.bin"), kRemoteSize);
     hostkit::ThreadPoolQueue queue(4);
     Cache_BindAsyncQ(&queue);
-    hostkit::FileFetcher fetcher(scratch.Remote());
-    const std::string path = scratch.CacheDir();
-    std::vector<char> buffer(65536);
+    hostkit::FileFetcher fetcher(scratch.Sub("remote.bin"));
+    const std::string path = scratch.Sub("cache");
 
     for (auto _ : state) {
         ICache* cache = nullptr;
@@ -65,13 +40,9 @@ void BM_ReleaseCache(benchmark::State& state) {
         for (int i = 0; i < objects; ++i) {
             const std::string name = "file" + std::to_string(i) + ".bin";
             held.push_back(cache->Open(name.c_str(), 'r', kRemoteSize, &fetcher));
-            _READDATA read{};
-            read.buffer = buffer.data();
-            read.length = static_cast<long long>(buffer.size());
-            read.handle = std::make_shared<_FS_HANDLE>();
-            read.fileSize = kRemoteSize;
-            read.fetch = &fetcher;
-            if (held.back()->Read(&read) != AE_OK) state.SkipWithError("read failed");
+            if (hostkit::ReadRange(*held.back(), &fetcher, kRemoteSize, 0, 65536).error != AE_OK) {
+                state.SkipWithError("read failed");
+            }
         }
         queue.WaitIdle();
         if (!hostHolds) held.clear();

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <regex>
+#include <string>
 #include <utility>
 
 #include "cache/bindings.h"
@@ -17,25 +18,25 @@ namespace cache {
 namespace {
 
 // The configuration keys in the order they are registered, with their JSON
-// paths, defaults and the field of the applied record each one fills.
+// paths and the field of the applied record each one fills. A key's default
+// is that field of kDefaultConfig.
 struct ConfigKey {
     const char* key;
     const char* path;
-    const char* defaultValue;
     long long _CACHECONFIG::*field;
 };
 
 constexpr ConfigKey kConfigKeys[] = {
-    {"rahit", "/cache/ra/hit", "3", &_CACHECONFIG::rahit},
-    {"ramin", "/cache/ra/min", "1048576", &_CACHECONFIG::ramin},
-    {"ramax", "/cache/ra/max", "67108864", &_CACHECONFIG::ramax},
-    {"readtimeout", "/cache/read/timeout", "60000", &_CACHECONFIG::readtimeout},
-    {"readfetchmax", "/cache/read/maxfetch", "107374182", &_CACHECONFIG::readfetchmax},
-    {"clrperiod", "/cache/clear/period", "30000", &_CACHECONFIG::clrperiod},
-    {"clrused", "/cache/clear/usedblock", "60", &_CACHECONFIG::clrused},
-    {"clrunused", "/cache/clear/unusedblock", "3600", &_CACHECONFIG::clrunused},
-    {"clroverused", "/cache/clear/over/usedblock", "30", &_CACHECONFIG::clroverused},
-    {"clroverunused", "/cache/clear/over/unusedblock", "60", &_CACHECONFIG::clroverunused},
+    {"rahit", "/cache/ra/hit", &_CACHECONFIG::rahit},
+    {"ramin", "/cache/ra/min", &_CACHECONFIG::ramin},
+    {"ramax", "/cache/ra/max", &_CACHECONFIG::ramax},
+    {"readtimeout", "/cache/read/timeout", &_CACHECONFIG::readtimeout},
+    {"readfetchmax", "/cache/read/maxfetch", &_CACHECONFIG::readfetchmax},
+    {"clrperiod", "/cache/clear/period", &_CACHECONFIG::clrperiod},
+    {"clrused", "/cache/clear/usedblock", &_CACHECONFIG::clrused},
+    {"clrunused", "/cache/clear/unusedblock", &_CACHECONFIG::clrunused},
+    {"clroverused", "/cache/clear/over/usedblock", &_CACHECONFIG::clroverused},
+    {"clroverunused", "/cache/clear/over/unusedblock", &_CACHECONFIG::clroverunused},
 };
 
 }  // namespace
@@ -64,7 +65,7 @@ Cache::Cache(const char* path, unsigned long long limit)
     LogText(LL_INFO | LL_CACHE, "Cache initialized : " + directory +
                                     ", Storage limit : " + std::to_string(GetLimit()) + " bytes");
     for (const ConfigKey& key : kConfigKeys) {
-        config.AddConfiguration(key.key, key.path, key.defaultValue);
+        config.AddConfiguration(key.key, key.path, std::to_string(kDefaultConfig.*key.field));
     }
     ApplyConfig();
     quotaThread = std::thread(&Cache::RunQuotaManager, this, directory);

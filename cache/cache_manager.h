@@ -95,11 +95,6 @@ class Cache : public ICache, public ICacheConfig {
     // Stops and joins the quota thread, then drops the table's references.
     virtual ~Cache();
 
-    // The directory, beginning and ending with '/'.
-    const std::string& GetDirectory() const { return directory; }
-    // What the objects and their stores share with this manager.
-    const std::shared_ptr<CacheSettings>& GetSettings() const { return settings; }
-
   private:
     // Logs `text` as it is, at `level`. The text is the line's format, with
     // any '%' doubled (a directory may hold one) so that the logger prints
@@ -127,7 +122,7 @@ class Cache : public ICache, public ICacheConfig {
     // Declared first so it outlives everything below; the objects and their
     // stores hold their own references.
     const std::shared_ptr<CacheSettings> settings;
-    std::string directory;
+    std::string directory;  // absolute, beginning and ending with '/'
     std::atomic<long long> usedBytes{0};
 
     std::mutex tableLock;  // guards table

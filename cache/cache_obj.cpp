@@ -99,7 +99,6 @@ const char* CacheObj::GetHashIndex() {
 }
 
 void CacheObj::SetHashIndex(const char* text) {
-    std::lock_guard<std::mutex> guard(hashIndexLock);
     hashIndexTexts.emplace_back(text);
     hashIndex.store(hashIndexTexts.back().c_str(), std::memory_order_release);
 }

@@ -63,7 +63,7 @@ class CacheObj : public ICacheObj {
     AERROR FillEmptySectors(IFetch* fetch) override;
 
     // The hash index text, owned by this object and valid for its lifetime,
-    // also after a later SetHashIndex. Takes no lock.
+    // also after a later SetHashIndex. Takes no lock; may race SetHashIndex.
     const char* GetHashIndex() override;
 
     // Closes and drops the store; later requests answer as above until a
@@ -73,9 +73,10 @@ class CacheObj : public ICacheObj {
     // Closes the store first.
     virtual ~CacheObj();
 
-    // Replaces the hash index with a copy of `text`. Texts handed out by
-    // GetHashIndex stay valid, so a reader racing a replacement sees either
-    // text. Calls are serialised by the manager's table lock.
+    // Replaces the hash index with a copy of `text`. Every earlier text is
+    // kept for the object's life, so a pointer from GetHashIndex stays valid
+    // and a reader racing a replacement sees either text. Takes no lock.
+    // REQUIRES: calls are serialised (the manager holds its table lock).
     virtual void SetHashIndex(const char* text);
 
     // The store's answers, taken under `lock`: false, 0 and nothing when no
@@ -98,9 +99,9 @@ class CacheObj : public ICacheObj {
     const std::string name;
     const std::shared_ptr<ICacheConfig> config;
 
-    // Every hash index this object had, so that a pointer from
-    // GetHashIndex outlives a replacement; `hashIndex` is the current one.
-    std::mutex hashIndexLock;  // guards hashIndexTexts; a leaf lock
+    // Every hash index this object had, kept for its life; `hashIndex`
+    // points into the last one. Only SetHashIndex appends, serialised by
+    // its callers.
     std::deque<std::string> hashIndexTexts;
     std::atomic<const char*> hashIndex;
 

@@ -14,7 +14,8 @@
 
 namespace cache {
 
-// The configuration a cache starts with, one value per key.
+// The configuration a cache starts with. The manager registers these values
+// as the defaults of its configuration keys.
 inline constexpr _CACHECONFIG kDefaultConfig = {
     3,          // rahit
     1048576,    // ramin
@@ -29,7 +30,7 @@ inline constexpr _CACHECONFIG kDefaultConfig = {
 };
 
 class CacheSettings final : public ICacheConfig {
-public:
+  public:
     explicit CacheSettings(long long limit, const _CACHECONFIG& config = kDefaultConfig);
     CacheSettings(const CacheSettings&) = delete;
     CacheSettings& operator=(const CacheSettings&) = delete;
@@ -44,7 +45,7 @@ public:
     _CACHECONFIG GetConfig() override;
     void SetConfig(const _CACHECONFIG& config);
 
-private:
+  private:
     std::atomic<long long> limit_;
     std::mutex lock_;  // guards config_; a leaf lock
     _CACHECONFIG config_;

@@ -1,6 +1,5 @@
 #include "common/config.h"
 
-#include <cstdlib>
 #include <utility>
 
 namespace cache {
@@ -11,11 +10,7 @@ namespace {
 std::string ValueText(const JsonObject& object) {
     const std::shared_ptr<json_t> value = object;
     if (json_is_string(value.get())) return static_cast<std::string>(object);
-    char* text = json_dumps(value.get(), JSON_COMPACT | JSON_ENCODE_ANY);
-    if (text == nullptr) return std::string();
-    std::string result(text);
-    std::free(text);
-    return result;
+    return object.ToText(JSON_COMPACT | JSON_ENCODE_ANY);
 }
 
 }  // namespace

@@ -238,8 +238,8 @@ JsonObject JsonObject::Copy() const {
     return Adopt(json_deep_copy(json_));
 }
 
-std::string JsonObject::ToText() const {
-    return Dump(json_, JSON_COMPACT);
+std::string JsonObject::ToText(size_t flags) const {
+    return Dump(json_, flags);
 }
 
 Json::Json() : error_(), root_(Own(json_object())) {}

@@ -101,9 +101,10 @@ class JsonObject {
 
     // A deep copy of the value.
     JsonObject Copy() const;
-    // The value printed without any white space; empty when it cannot be
-    // printed.
-    std::string ToText() const;
+    // The value printed with Jansson's encoding `flags`, by default without
+    // any white space; empty when it cannot be printed (without
+    // JSON_ENCODE_ANY, that is any value but an object or an array).
+    std::string ToText(size_t flags = JSON_COMPACT) const;
 
   private:
     // Wraps a value whose reference the caller hands over.

@@ -12,6 +12,13 @@
 
 namespace hostkit {
 
+namespace {
+
+// Pieces end on the cache's sector boundaries.
+constexpr long long kPieceSize = 65536;
+
+}  // namespace
+
 FileFetcher::FileFetcher(const std::string& path, FetcherOptions options)
     : fd_(open(path.c_str(), O_RDONLY | O_CLOEXEC)), size_(0), options_(options) {
     struct stat st;
@@ -20,12 +27,15 @@ FileFetcher::FileFetcher(const std::string& path, FetcherOptions options)
         throw std::runtime_error("cannot open " + path);
     }
     size_ = st.st_size;
-    if (options_.pieceSize <= 0 || options_.pieceSize % 65536 != 0) options_.pieceSize = 65536;
 }
 
-FileFetcher::~FileFetcher() { close(fd_); }
+FileFetcher::~FileFetcher() {
+    close(fd_);
+}
 
-long long FileFetcher::GetHostHandle() { return options_.hostHandle; }
+long long FileFetcher::GetHostHandle() {
+    return options_.hostHandle;
+}
 
 void FileFetcher::ResetCounters() {
     calls_ = 0;
@@ -42,19 +52,19 @@ AERROR FileFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
     std::vector<char> piece;
     for (long long position = offset; position < end;) {
         if (handle && handle->state > 3) return AE_HANDLE_CLOSED;
-        const long long pieceEnd =
-            std::min(end, (position / options_.pieceSize + 1) * options_.pieceSize);
+        const long long pieceEnd = std::min(end, (position / kPieceSize + 1) * kPieceSize);
         const size_t count = static_cast<size_t>(pieceEnd - position);
         piece.resize(count);
         if (pread(fd_, piece.data(), count, position) != static_cast<ssize_t>(count)) {
             return AE_READ_FAILED;
         }
         if (options_.bytesPerSecond > 0) {
-            std::this_thread::sleep_for(
-                std::chrono::duration<double>(static_cast<double>(count) / options_.bytesPerSecond));
+            std::this_thread::sleep_for(std::chrono::duration<double>(static_cast<double>(count) /
+                                                                      options_.bytesPerSecond));
         }
         long written = 0;
-        const AERROR result = sink->FetchWrite(position, piece.data(), static_cast<long>(count), &written);
+        const AERROR result =
+            sink->FetchWrite(position, piece.data(), static_cast<long>(count), &written);
         if (result != AE_OK) return result;
         bytes_.fetch_add(static_cast<long long>(count));
         position = pieceEnd;

@@ -1,9 +1,9 @@
 // A host's fetcher over a local file standing in for the remote one.
 //
 // It delivers the requested range in sector-aligned pieces (each piece ends
-// on a multiple of `pieceSize` or at the end of the file), clips requests at
-// the end of the file, and can simulate a network: a fixed latency per
-// request and a bandwidth. It counts calls and bytes delivered.
+// on a multiple of 64 KiB or at the end of the file), clips requests at the
+// end of the file, and can simulate a network: a fixed latency per request
+// and a bandwidth. It counts calls and bytes delivered.
 //
 // Thread-safe: Fetch may run on many threads at once.
 #ifndef HOSTKIT_FILE_FETCHER_H_
@@ -17,14 +17,13 @@
 namespace hostkit {
 
 struct FetcherOptions {
-    long long latencyMs = 0;          // slept once per Fetch call
-    double bytesPerSecond = 0;        // 0: unlimited
-    long long pieceSize = 65536;      // delivery granularity, a multiple of 65536
-    long long hostHandle = 0x5eed;    // returned by GetHostHandle
+    long long latencyMs = 0;        // slept once per Fetch call
+    double bytesPerSecond = 0;      // 0: unlimited
+    long long hostHandle = 0x5eed;  // returned by GetHostHandle
 };
 
 class FileFetcher final : public IFetch {
-public:
+  public:
     // Opens `path` read-only; throws std::runtime_error when it cannot.
     explicit FileFetcher(const std::string& path, FetcherOptions options = {});
     FileFetcher(const FileFetcher&) = delete;
@@ -43,7 +42,7 @@ public:
     long long BytesDelivered() const { return bytes_.load(); }
     void ResetCounters();
 
-private:
+  private:
     int fd_;
     long long size_;
     FetcherOptions options_;

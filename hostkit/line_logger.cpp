@@ -1,8 +1,25 @@
 #include "hostkit/line_logger.h"
 
 #include <cwchar>
+#include <iterator>
+#include <string_view>
+#include <utility>
 
 namespace hostkit {
+
+namespace {
+
+// `wide` with every character beyond 7-bit ASCII shown as '?'.
+std::string Narrow(std::wstring_view wide) {
+    std::string narrow;
+    narrow.reserve(wide.size());
+    for (const wchar_t c : wide) {
+        narrow += static_cast<unsigned long>(c) < 0x80 ? static_cast<char>(c) : '?';
+    }
+    return narrow;
+}
+
+}  // namespace
 
 LineLogger::LineLogger(FILE* echo, bool keep) : echo_(echo), keep_(keep) {}
 
@@ -17,12 +34,11 @@ void LineLogger::LogW(LOGLEVEL level, const wchar_t* format, ...) {
     wchar_t wide[1024];
     va_list args;
     va_start(args, format);
-    vswprintf(wide, sizeof(wide) / sizeof(wide[0]), format, args);
+    const int length = vswprintf(wide, std::size(wide), format, args);
     va_end(args);
-    char narrow[4096];
-    const size_t n = wcstombs(narrow, wide, sizeof(narrow) - 1);
-    narrow[n == static_cast<size_t>(-1) ? 0 : n] = '\0';
-    Log(level, "%s", narrow);
+    const std::wstring_view text =
+        length >= 0 ? std::wstring_view(wide, static_cast<size_t>(length)) : format;
+    Keep(level, Narrow(format), Narrow(text));
 }
 
 void LineLogger::LogV(LOGLEVEL level, const char* format, va_list args) {
@@ -32,13 +48,16 @@ void LineLogger::LogV(LOGLEVEL level, const char* format, va_list args) {
     va_end(copy);
     std::string text(size > 0 ? static_cast<size_t>(size) : 0, '\0');
     if (size > 0) vsnprintf(text.data(), text.size() + 1, format, args);
+    Keep(level, format, std::move(text));
+}
 
+void LineLogger::Keep(LOGLEVEL level, std::string format, std::string text) {
     std::lock_guard<std::mutex> guard(lock_);
     if (echo_ != nullptr) {
         const char* severity = (level & LL_ERROR) ? "ERROR" : (level & LL_INFO) ? "INFO" : "DETAIL";
         fprintf(echo_, "[%s] %s\n", severity, text.c_str());
     }
-    if (keep_) lines_.push_back({level, format, std::move(text)});
+    if (keep_) lines_.push_back({level, std::move(format), std::move(text)});
 }
 
 std::vector<LogLine> LineLogger::Lines() const {

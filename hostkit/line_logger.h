@@ -21,7 +21,7 @@ struct LogLine {
 };
 
 class LineLogger final : public ILog {
-public:
+  public:
     // Lines are kept in memory; when `echo` is non-null they are also
     // written there, one per line, with the level prefixed.
     explicit LineLogger(FILE* echo = nullptr, bool keep = true);
@@ -30,6 +30,10 @@ public:
     virtual ~LineLogger() = default;
 
     void Log(LOGLEVEL level, const char* format, ...) override;
+    // The library logs narrow text only. A wide line is kept with its format
+    // and text in 7-bit ASCII, '?' standing for any other character; a line
+    // of more than 1023 characters, or one that cannot be formatted, is kept
+    // as its format.
     void LogW(LOGLEVEL level, const wchar_t* format, ...) override;
     void LogV(LOGLEVEL level, const char* format, va_list args) override;
 
@@ -42,7 +46,10 @@ public:
     // True when some formatted line contains `part`.
     bool HasTextContaining(const std::string& part) const;
 
-private:
+  private:
+    // Echoes and keeps one formatted line.
+    void Keep(LOGLEVEL level, std::string format, std::string text);
+
     FILE* echo_;
     bool keep_;
     mutable std::mutex lock_;

@@ -9,14 +9,12 @@
 #include <utility>
 #include <vector>
 
-#include "hostkit/file_fetcher.h"
-#include "hostkit/line_logger.h"
-#include "hostkit/thread_pool_queue.h"
 #include "tests/test_host.h"
 
 namespace {
 
 using testhost::ReadRange;
+using testhost::Thrown;
 using testhost::WriteText;
 
 constexpr unsigned long long kMiB = 1 << 20;
@@ -26,10 +24,7 @@ struct Library {
     void* handle = nullptr;
     AERROR (*InitCache)(const char*, unsigned long long, ICache**) = nullptr;
     AERROR (*ReleaseCache)(const char*) = nullptr;
-    bool (*BindLogger)(ILog*) = nullptr;
-    void (*UnbindLogger)() = nullptr;
-    bool (*BindAsyncQ)(IAsyncQueue*) = nullptr;
-    void (*UnbindAsyncQ)() = nullptr;
+    testhost::Bindings bindings{};
 };
 
 Library lib;
@@ -40,27 +35,19 @@ void Resolve(Function& target, const char* name) {
     ASSERT_NE(target, nullptr) << name << ": " << dlerror();
 }
 
-// The AERROR that Open throws, or AE_OK when it returns.
-AERROR OpenError(ICache* cache, const char* name, char mode, IFetch* fetch) {
-    try {
-        cache->Open(name, mode, 65536, fetch);
-    } catch (AERROR error) {
-        return error;
-    }
-    return AE_OK;
-}
-
-class HostTest : public ::testing::Test {
+class HostTest : public testhost::HostFixture {
   protected:
+    HostTest() : HostFixture(lib.bindings, 5 * 65536 + 1234) {}
+
     static void SetUpTestSuite() {
         lib.handle = dlopen(CACHE_LIBRARY_PATH, RTLD_NOW | RTLD_LOCAL);
         ASSERT_NE(lib.handle, nullptr) << dlerror();
         Resolve(lib.InitCache, "InitCache");
         Resolve(lib.ReleaseCache, "ReleaseCache");
-        Resolve(lib.BindLogger, "Cache_BindLogger");
-        Resolve(lib.UnbindLogger, "Cache_UnbindLogger");
-        Resolve(lib.BindAsyncQ, "Cache_BindAsyncQ");
-        Resolve(lib.UnbindAsyncQ, "Cache_UnbindAsyncQ");
+        Resolve(lib.bindings.bindLogger, "Cache_BindLogger");
+        Resolve(lib.bindings.unbindLogger, "Cache_UnbindLogger");
+        Resolve(lib.bindings.bindAsyncQ, "Cache_BindAsyncQ");
+        Resolve(lib.bindings.unbindAsyncQ, "Cache_UnbindAsyncQ");
     }
 
     static void TearDownTestSuite() {
@@ -71,14 +58,7 @@ class HostTest : public ::testing::Test {
 
     void SetUp() override {
         ASSERT_NE(lib.handle, nullptr);
-        ASSERT_TRUE(lib.BindLogger(&log));
-        ASSERT_TRUE(lib.BindAsyncQ(&queue));
-    }
-
-    void TearDown() override {
-        queue.WaitIdle();
-        lib.UnbindAsyncQ();
-        lib.UnbindLogger();
+        HostFixture::SetUp();
     }
 
     // Exactly one line was logged with `format` (by default `text` itself);
@@ -106,29 +86,13 @@ class HostTest : public ::testing::Test {
         }
         return space;
     }
-
-    // Reads [offset, offset + length) through `object` and compares with the remote.
-    void ExpectRead(ICacheObj& object, IFetch* fetch, long long offset, long long length) {
-        const testhost::ReadResult got = ReadRange(object, fetch, size, offset, length);
-        EXPECT_EQ(got.error, AE_OK) << "at " << offset;
-        EXPECT_EQ(got.bytes, testhost::Slice(remote, offset, length)) << "at " << offset;
-    }
-
-    testhost::TempDir dir;
-    const std::string path = dir.Sub("cache");
-    const std::string remotePath = dir.Sub("remote.bin");
-    std::vector<char> remote = testhost::WriteRandomFile(remotePath, 5 * 65536 + 1234);
-    const long long size = static_cast<long long>(remote.size());
-    hostkit::FileFetcher fetcher{remotePath};
-    hostkit::ThreadPoolQueue queue{4};
-    hostkit::LineLogger log;
 };
 
 TEST_F(HostTest, WholeLifeCycleThroughTheLoadedLibrary) {
     ICache* cache = nullptr;
-    ASSERT_EQ(lib.InitCache(path.c_str(), 100 * kMiB, &cache), AE_OK);
+    ASSERT_EQ(lib.InitCache(cachePath.c_str(), 100 * kMiB, &cache), AE_OK);
     ASSERT_NE(cache, nullptr);
-    ExpectLine(LL_INFO, "Cache initialized : " + path +
+    ExpectLine(LL_INFO, "Cache initialized : " + cachePath +
                             "/, Storage limit : " + std::to_string(cache->GetLimit()) + " bytes");
     EXPECT_EQ(cache->SetConfiguration(R"({"cache":{"read":{"timeout":5000}}})"), AE_OK);
 
@@ -137,26 +101,33 @@ TEST_F(HostTest, WholeLifeCycleThroughTheLoadedLibrary) {
     const std::string name = "\\\\server\\share\\data.bin";
     std::shared_ptr<ICacheObj> object = cache->Open(name.c_str(), 'r', size, &fetcher);
     ASSERT_TRUE(object);
-    EXPECT_TRUE(std::filesystem::exists(path + "/data.bin"));
+    EXPECT_TRUE(std::filesystem::exists(cachePath + "/data.bin"));
     for (long long offset = 0; offset < size; offset += 150000) {
-        ExpectRead(*object, &fetcher, offset, std::min(150000LL, size - offset));
+        EXPECT_TRUE(ReadsRemote(*object, &fetcher, offset, std::min(150000LL, size - offset)));
     }
     EXPECT_EQ(cache->Open(name.c_str(), 'w', 1, nullptr), object);
+    // An unknown mode changes nothing: the cached bytes are still served.
+    EXPECT_EQ(object->SetMode('x', size, &fetcher), AE_INVALID_MODE);
+    EXPECT_TRUE(ReadsRemote(*object, nullptr, 0, size));
 
-    // Writable: a partial write lands between remote bytes.
+    // Writable: the read-only cache file is gone, and a partial write lands
+    // between remote bytes.
     ASSERT_EQ(object->SetMode('w', size, &fetcher), AE_OK);
+    EXPECT_EQ(testhost::UsageOf(cachePath).files, 1);
     const testhost::WriteResult written = WriteText(*object, &fetcher, 70000, "0123456789");
     ASSERT_EQ(written.error, AE_OK);
     EXPECT_EQ(written.transferred, 10);
     EXPECT_GE(written.fileSize, 70010);
     std::copy_n("0123456789", 10, remote.begin() + 70000);
-    ExpectRead(*object, &fetcher, 69990, 40);
+    EXPECT_TRUE(ReadsRemote(*object, &fetcher, 69990, 40));
 
-    // Back to read-only after filling: everything is served without the remote.
+    // Back to read-only after filling: everything is served without the
+    // remote. Asking for read-only again keeps the store.
     ASSERT_EQ(object->FillEmptySectors(&fetcher), AE_OK);
     ASSERT_EQ(object->SetMode('r', size, &fetcher), AE_OK);
+    ASSERT_EQ(object->SetMode('r', 1, nullptr), AE_OK);
     const long long callsBefore = fetcher.Calls();
-    ExpectRead(*object, nullptr, 0, size);
+    EXPECT_TRUE(ReadsRemote(*object, nullptr, 0, size));
     EXPECT_EQ(fetcher.Calls(), callsBefore);
 
     // Rehash moves the object to its new key, taking over from the object
@@ -172,7 +143,7 @@ TEST_F(HostTest, WholeLifeCycleThroughTheLoadedLibrary) {
     EXPECT_STREQ(object->GetHashIndex(), moved.c_str());
     EXPECT_EQ(cache->Open(moved.c_str(), 'r', size, &fetcher), object);
     EXPECT_EQ(cache->Rehash(name.c_str(), "x", "x"), AE_INVALID_HANDLE);
-    ExpectRead(*object, &fetcher, 0, 10);
+    EXPECT_TRUE(ReadsRemote(*object, &fetcher, 0, 10));
     EXPECT_TRUE(log.HasTextContaining("[moved.bin] Read"));
 
     // Close drops the table's reference once; an unknown name logs nothing.
@@ -181,14 +152,14 @@ TEST_F(HostTest, WholeLifeCycleThroughTheLoadedLibrary) {
     EXPECT_EQ(cache->Close(moved.c_str()), AE_OK);
     ExpectLine(LL_INFO, "Close cache : " + moved, "Close cache : %s");
     EXPECT_NE(cache->Open(moved.c_str(), 'r', size, &fetcher), object);
-    ExpectRead(*object, nullptr, 0, size);
+    EXPECT_TRUE(ReadsRemote(*object, nullptr, 0, size));
     object->Close();
     EXPECT_EQ(ReadRange(*object, &fetcher, size, 0, 10).error, AE_NOT_FOUND);
     object.reset();
-    EXPECT_EQ(testhost::UsageOf(path).files, 1);  // the new object's
+    EXPECT_EQ(testhost::UsageOf(cachePath).files, 1);  // the new object's
 
-    ASSERT_EQ(lib.ReleaseCache(path.c_str()), AE_OK);
-    EXPECT_EQ(testhost::UsageOf(path).files, 0);
+    ASSERT_EQ(lib.ReleaseCache(cachePath.c_str()), AE_OK);
+    EXPECT_EQ(testhost::UsageOf(cachePath).files, 0);
     ExpectLine(LL_DETAIL, "Cache quota manager started");
     const long uninitialize = ExpectLine(LL_INFO, "Uninitialize cache...");
     const long stopped = ExpectLine(LL_DETAIL, "Cache quota manager stopped");
@@ -207,25 +178,26 @@ TEST_F(HostTest, WholeLifeCycleThroughTheLoadedLibrary) {
 TEST_F(HostTest, RegistryKeysCachesByTheExactPathText) {
     ICache* first = nullptr;
     ICache* other = nullptr;
-    ASSERT_EQ(lib.InitCache(path.c_str(), 100 * kMiB, &first), AE_OK);
+    ASSERT_EQ(lib.InitCache(cachePath.c_str(), 100 * kMiB, &first), AE_OK);
     const long long limit = first->GetLimit();
-    ASSERT_EQ(lib.InitCache(path.c_str(), 300 * kMiB, &other), AE_OK);
+    ASSERT_EQ(lib.InitCache(cachePath.c_str(), 300 * kMiB, &other), AE_OK);
     EXPECT_EQ(other, first);
     EXPECT_EQ(first->GetLimit(), limit);
     // Another spelling of the same directory is another cache.
-    ASSERT_EQ(lib.InitCache((path + "/").c_str(), 100 * kMiB, &other), AE_OK);
+    ASSERT_EQ(lib.InitCache((cachePath + "/").c_str(), 100 * kMiB, &other), AE_OK);
     EXPECT_NE(other, first);
-    const std::string initialized =
-        "Cache initialized : " + path + "/, Storage limit : " + std::to_string(limit) + " bytes";
+    const std::string initialized = "Cache initialized : " + cachePath +
+                                    "/, Storage limit : " + std::to_string(limit) + " bytes";
     EXPECT_EQ(log.WithFormat(initialized).size(), 2u);
-    EXPECT_EQ(lib.ReleaseCache(path.c_str()), AE_OK);
-    EXPECT_EQ(lib.ReleaseCache((path + "/").c_str()), AE_OK);
-    EXPECT_EQ(lib.ReleaseCache(path.c_str()), AE_OK);  // unknown by now
+    EXPECT_EQ(lib.ReleaseCache(cachePath.c_str()), AE_OK);
+    EXPECT_EQ(lib.ReleaseCache((cachePath + "/").c_str()), AE_OK);
+    EXPECT_EQ(lib.ReleaseCache(cachePath.c_str()), AE_OK);  // unknown by now
     EXPECT_EQ(log.WithFormat("Cache uninitialized").size(), 2u);
 
     // A relative path is read from the root; a name like a format is logged as it is.
     const std::pair<std::string, std::string> spellings[] = {
-        {path.substr(1) + "//rel", path + "/rel/"}, {dir.Sub("100%s%n"), dir.Sub("100%s%n/")}};
+        {cachePath.substr(1) + "//rel", cachePath + "/rel/"},
+        {dir.Sub("100%s%n"), dir.Sub("100%s%n/")}};
     for (const auto& [given, directory] : spellings) {
         ASSERT_EQ(lib.InitCache(given.c_str(), 100 * kMiB, &other), AE_OK);
         EXPECT_TRUE(std::filesystem::is_directory(directory));
@@ -233,8 +205,6 @@ TEST_F(HostTest, RegistryKeysCachesByTheExactPathText) {
         EXPECT_EQ(lib.ReleaseCache(given.c_str()), AE_OK);
     }
     EXPECT_EQ(lib.InitCache(nullptr, 100 * kMiB, &other), AE_NOT_FOUND);
-    EXPECT_EQ(lib.InitCache(path.c_str(), 100 * kMiB, nullptr), AE_NOT_FOUND);
-    EXPECT_EQ(lib.ReleaseCache(nullptr), AE_NOT_FOUND);
 
     // A failed InitCache leaves an empty entry: AE_OK and a null cache until
     // the path is released.
@@ -256,12 +226,13 @@ TEST_F(HostTest, RegistryKeysCachesByTheExactPathText) {
 
 TEST_F(HostTest, LimitsOpenFailuresAndAnObjectOutlivingItsCache) {
     ICache* cache = nullptr;
-    ASSERT_EQ(lib.InitCache(path.c_str(), 1000, &cache), AE_OK);
+    ASSERT_EQ(lib.InitCache(cachePath.c_str(), 1000, &cache), AE_OK);
     long long space = LastReportedSpace();
     ASSERT_GT(space, 0);
     const long long floor = 64 * static_cast<long long>(kMiB);
     EXPECT_EQ(cache->GetLimit(), floor <= space ? floor : space / 2);
-    ExpectLine(LL_DETAIL, "Cache path " + path + "/, " + std::to_string(space) + " bytes left");
+    ExpectLine(LL_DETAIL,
+               "Cache path " + cachePath + "/, " + std::to_string(space) + " bytes left");
 
     // Too small: refused, and the message names the limit in force.
     const long long before = cache->GetLimit();
@@ -283,27 +254,25 @@ TEST_F(HostTest, LimitsOpenFailuresAndAnObjectOutlivingItsCache) {
 
     // Open throws what keeps it from building an object. The entry it left
     // answers null until the name is closed.
-    EXPECT_EQ(OpenError(cache, "bad", 'x', &fetcher), AE_INVALID_MODE);
+    EXPECT_EQ(Thrown([&] { cache->Open("bad", 'x', size, &fetcher); }), AE_INVALID_MODE);
     EXPECT_FALSE(cache->Open("bad", 'r', size, &fetcher));
     EXPECT_EQ(cache->Rehash("bad", "good", "good"), AE_INVALID_HANDLE);
     EXPECT_EQ(cache->Close("bad"), AE_OK);
-    EXPECT_EQ(OpenError(cache, nullptr, 'r', &fetcher), AE_NOT_FOUND);
-    EXPECT_EQ(cache->Close(nullptr), AE_NOT_FOUND);
-    EXPECT_EQ(cache->Rehash(nullptr, "x", "x"), AE_NOT_FOUND);
-    std::filesystem::remove_all(path);  // no cache file can be made
-    EXPECT_EQ(OpenError(cache, "other", 'r', &fetcher), AE_CREATE_FILE_FAILED);
-    ASSERT_TRUE(std::filesystem::create_directory(path));
+    EXPECT_EQ(Thrown([&] { cache->Open(nullptr, 'r', size, &fetcher); }), AE_NOT_FOUND);
+    std::filesystem::remove_all(cachePath);  // no cache file can be made
+    EXPECT_EQ(Thrown([&] { cache->Open("other", 'r', size, &fetcher); }), AE_CREATE_FILE_FAILED);
+    ASSERT_TRUE(std::filesystem::create_directory(cachePath));
     std::shared_ptr<ICacheObj> object = cache->Open("bad", 'r', size, &fetcher);
     ASSERT_TRUE(object);
-    ExpectRead(*object, &fetcher, 0, 1000);
+    EXPECT_TRUE(ReadsRemote(*object, &fetcher, 0, 1000));
 
     // The host's object outlives the cache: it reads, writes and closes.
-    ASSERT_EQ(lib.ReleaseCache(path.c_str()), AE_OK);
-    ExpectRead(*object, &fetcher, 0, size);
+    ASSERT_EQ(lib.ReleaseCache(cachePath.c_str()), AE_OK);
+    EXPECT_TRUE(ReadsRemote(*object, &fetcher, 0, size));
     ASSERT_EQ(object->SetMode('w', size, &fetcher), AE_OK);
     ASSERT_EQ(WriteText(*object, &fetcher, 65530, "after release").error, AE_OK);
     std::copy_n("after release", 13, remote.begin() + 65530);
-    ExpectRead(*object, &fetcher, 65500, 100);
+    EXPECT_TRUE(ReadsRemote(*object, &fetcher, 65500, 100));
     object->Close();
 }
 

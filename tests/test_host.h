@@ -1,91 +1,35 @@
-// What the host-driven tests share: a private temporary directory, a
-// "remote" file of pseudo-random bytes, a handle record and whole-range
-// reads through a cache object. Only the public header and the host kit are
-// used, so a test host that loads the library with dlopen can use it too.
+// What the host-driven tests share: the host kit's scratch directories,
+// remote files and reads, single writes through a cache object, polling, and
+// a fixture with a bound host around one cache directory. Only the public
+// header and the host kit are used, so a test host that loads the library
+// with dlopen can use it too.
 #ifndef CACHE_TESTS_TEST_HOST_H_
 #define CACHE_TESTS_TEST_HOST_H_
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdint>
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <random>
+#include <chrono>
+#include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "cache/cache.h"
+#include "hostkit/file_fetcher.h"
+#include "hostkit/line_logger.h"
+#include "hostkit/read_range.h"
+#include "hostkit/scratch.h"
+#include "hostkit/thread_pool_queue.h"
 
 namespace testhost {
 
-// A fresh directory under the test temporary directory, removed with
-// everything in it when the object goes.
-class TempDir {
-  public:
-    TempDir() {
-        std::string pattern = ::testing::TempDir() + "cachetest-XXXXXX";
-        if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed";
-        path_ = pattern;
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    ~TempDir() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-
-    const std::string& path() const { return path_; }
-    std::string Sub(const std::string& name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
-};
-
-// Writes `size` pseudo-random bytes to `path` and returns them.
-inline std::vector<char> WriteRandomFile(const std::string& path, size_t size, uint64_t seed = 42) {
-    std::mt19937_64 random(seed);
-    std::vector<char> bytes(size);
-    for (char& byte : bytes) byte = static_cast<char>(random() >> 56);
-    std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(size));
-    return bytes;
-}
-
-// An open handle of the host, as it passes one with every request.
-inline std::shared_ptr<_FS_HANDLE> OpenHandle(long long hostHandle = 0x5eed) {
-    auto handle = std::make_shared<_FS_HANDLE>();
-    handle->state = 1;
-    handle->hostHandle = hostHandle;
-    return handle;
-}
-
-struct ReadResult {
-    AERROR error = AE_OK;
-    long long transferred = 0;
-    std::vector<char> bytes;
-};
-
-// One read of [offset, offset + length) through `io`.
-inline ReadResult ReadRange(ICacheIO& io, IFetch* fetch, long long fileSize, long long offset,
-                            long long length, long long timeout = 0) {
-    ReadResult result;
-    result.bytes.assign(static_cast<size_t>(length), '\0');
-    _READDATA request{};
-    request.buffer = result.bytes.data();
-    request.offset = offset;
-    request.length = length;
-    request.handle = OpenHandle();
-    request.fileSize = fileSize;
-    request.fetch = fetch;
-    request.timeout = timeout;
-    result.error = io.Read(&request);
-    result.transferred = request.transferred;
-    result.bytes.resize(static_cast<size_t>(std::max(0LL, request.transferred)));
-    return result;
-}
+using TempDir = hostkit::ScratchDir;
+using hostkit::OpenHandle;
+using hostkit::ReadRange;
+using hostkit::ReadResult;
+using hostkit::UsageOf;
+using hostkit::WriteRandomFile;
 
 struct WriteResult {
     AERROR error = AE_OK;
@@ -97,19 +41,10 @@ struct WriteResult {
 // starts as `fileSize`.
 inline WriteResult WriteText(ICacheIO& io, IFetch* fetch, long long offset, const std::string& text,
                              long long timeout = 0, long long fileSize = -7) {
-    _WRITEDATA request{};
-    request.buffer = text.data();
-    request.offset = offset;
-    request.length = static_cast<long long>(text.size());
-    request.handle = OpenHandle();
-    request.fileSize = fileSize;
-    request.fetch = fetch;
-    request.timeout = timeout;
-    WriteResult result;
-    result.error = io.Write(&request);
-    result.transferred = request.transferred;
-    result.fileSize = request.fileSize;
-    return result;
+    _WRITEDATA request{text.data(), offset, std::ssize(text), 0, OpenHandle(),
+                       fileSize,    fetch,  timeout};
+    const AERROR error = io.Write(&request);
+    return {error, request.transferred, request.fileSize};
 }
 
 // The bytes `remote` holds in [offset, offset + length), clipped at its end.
@@ -121,22 +56,74 @@ inline std::vector<char> Slice(const std::vector<char>& remote, long long offset
     return std::vector<char>(remote.begin() + offset, remote.begin() + end);
 }
 
-// Regular files in `directory` and their total apparent size.
-struct DirectoryUsage {
-    int files = 0;
-    long long bytes = 0;
+// Polls `done` until it holds; false after 10 s.
+inline bool WaitFor(const std::function<bool()>& done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+// The AERROR that `action` throws, or AE_OK when it throws nothing.
+template <class Action>
+AERROR Thrown(Action action) {
+    try {
+        action();
+    } catch (AERROR error) {
+        return error;
+    }
+    return AE_OK;
+}
+
+// The library's binding functions: the linked ones, or those a host that
+// loads the library found with dlsym.
+struct Bindings {
+    bool (*bindLogger)(ILog*);
+    void (*unbindLogger)();
+    bool (*bindAsyncQ)(IAsyncQueue*);
+    void (*unbindAsyncQ)();
 };
 
-inline DirectoryUsage UsageOf(const std::string& directory) {
-    DirectoryUsage usage;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
-        if (!entry.is_regular_file(error)) continue;
-        ++usage.files;
-        usage.bytes += static_cast<long long>(entry.file_size(error));
+// A host around the cache directory `cachePath`, which is not made yet: a
+// remote file of pseudo-random bytes with its fetcher, a queue of four
+// threads and a logger, bound for the length of each test.
+class HostFixture : public ::testing::Test {
+  protected:
+    HostFixture(const Bindings& bindings, long long remoteSize)
+        : remote(WriteRandomFile(remotePath, static_cast<size_t>(remoteSize))),
+          bindings_(bindings) {}
+
+    void SetUp() override {
+        ASSERT_TRUE(bindings_.bindLogger(&log));
+        ASSERT_TRUE(bindings_.bindAsyncQ(&queue));
     }
-    return usage;
-}
+    void TearDown() override {
+        queue.WaitIdle();
+        bindings_.unbindAsyncQ();
+        bindings_.unbindLogger();
+    }
+
+    // True when a read of [offset, offset + length) through `io` succeeds
+    // with exactly the remote's bytes.
+    bool ReadsRemote(ICacheIO& io, IFetch* fetch, long long offset, long long length) {
+        const ReadResult got = ReadRange(io, fetch, size, offset, length);
+        return got.error == AE_OK && got.bytes == Slice(remote, offset, length);
+    }
+
+    TempDir dir;
+    const std::string cachePath = dir.Sub("cache");
+    const std::string remotePath = dir.Sub("remote.bin");
+    std::vector<char> remote;
+    const long long size = static_cast<long long>(remote.size());
+    hostkit::FileFetcher fetcher{remotePath};
+    hostkit::ThreadPoolQueue queue{4};
+    hostkit::LineLogger log;
+
+  private:
+    const Bindings bindings_;
+};
 
 }  // namespace testhost
 

@@ -27,6 +27,8 @@
 #include "cache/cache.h"
 #include "hostkit/file_fetcher.h"
 #include "hostkit/line_logger.h"
+#include "hostkit/read_range.h"
+#include "hostkit/scratch.h"
 #include "hostkit/thread_pool_queue.h"
 
 namespace {
@@ -228,31 +230,31 @@ PassResult ReadThrough(Remote& remote, const Options& options, int pass, Progres
                        long long doneBefore, long long totalBytes) {
     PassResult result;
     const long long size = remote.fetcher->Size();
-    std::vector<char> buffer(static_cast<size_t>(options.readSize));
-    std::vector<char> expected(options.verify ? buffer.size() : 0);
+    std::vector<char> expected(options.verify ? static_cast<size_t>(options.readSize) : 0);
     for (long long offset = 0; offset < size; offset += options.readSize) {
         const long long length = std::min(options.readSize, size - offset);
-        _READDATA request{};
-        request.buffer = buffer.data();
-        request.offset = offset;
-        request.length = length;
-        request.handle = remote.handle;
-        request.fileSize = size;
-        request.fetch = remote.fetcher.get();
-        const AERROR error = remote.object->Read(&request);
-        if (error != AE_OK || request.transferred != length) {
+        const hostkit::ReadResult got = hostkit::ReadRange(*remote.object, remote.fetcher.get(),
+                                                           size, offset, length, 0, remote.handle);
+        if (got.error != AE_OK || got.transferred != length) {
             progress.Clear();
             fprintf(
                 stderr, "cachecat: %s: read of %lld bytes at %lld failed: error %d, %lld bytes\n",
-                remote.path.c_str(), length, offset, static_cast<int>(error), request.transferred);
+                remote.path.c_str(), length, offset, static_cast<int>(got.error), got.transferred);
             result.failed = true;
             return result;
         }
         if (options.verify) {
-            const ssize_t got = pread(remote.sourceFd, expected.data(), static_cast<size_t>(length),
-                                      static_cast<off_t>(offset));
-            if (got != static_cast<ssize_t>(length) ||
-                memcmp(expected.data(), buffer.data(), static_cast<size_t>(length)) != 0) {
+            const ssize_t fromFile = pread(remote.sourceFd, expected.data(),
+                                           static_cast<size_t>(length), static_cast<off_t>(offset));
+            if (fromFile < 0) {
+                progress.Clear();
+                fprintf(stderr, "cachecat: %s: cannot read the file to verify: %s\n",
+                        remote.path.c_str(), strerror(errno));
+                result.failed = true;
+                return result;
+            }
+            if (fromFile != static_cast<ssize_t>(length) ||
+                memcmp(expected.data(), got.bytes.data(), static_cast<size_t>(length)) != 0) {
                 progress.Clear();
                 fprintf(stderr, "cachecat: %s: bytes at %lld..%lld differ from the file\n",
                         remote.path.c_str(), offset, offset + length);
@@ -266,32 +268,16 @@ PassResult ReadThrough(Remote& remote, const Options& options, int pass, Progres
     return result;
 }
 
-// Bytes and files in the cache directory right now.
-void ReportCacheDirectory(const std::string& directory) {
-    std::error_code error;
-    long long bytes = 0;
-    int files = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(directory, error)) {
-        if (!entry.is_regular_file(error)) continue;
-        bytes += static_cast<long long>(entry.file_size(error));
-        ++files;
-    }
-    printf("cache directory %s holds %d file(s), %lld bytes\n", directory.c_str(), files, bytes);
-}
-
 int Run(const Options& options) {
     std::string directory = options.cacheDir;
-    bool removeDirectory = false;
+    std::optional<hostkit::ScratchDir> scratch;  // removed last, with everything in it
     if (directory.empty()) {
-        const char* tmp = getenv("TMPDIR");
-        std::string pattern =
-            std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/cachecat-XXXXXX";
-        if (mkdtemp(pattern.data()) == nullptr) {
-            fprintf(stderr, "cachecat: cannot make a cache directory: %s\n", strerror(errno));
+        try {
+            directory = scratch.emplace("cachecat-").path();
+        } catch (const std::system_error& error) {
+            fprintf(stderr, "cachecat: cannot make a cache directory: %s\n", error.what());
             return 1;
         }
-        directory = pattern;
-        removeDirectory = true;
     }
     // The library reads every path from the root, so hand it an absolute one.
     directory = std::filesystem::absolute(directory).lexically_normal().string();
@@ -342,12 +328,16 @@ int Run(const Options& options) {
             status = 1;
             break;
         }
-        remote.handle = std::make_shared<_FS_HANDLE>();
-        remote.handle->state = 1;
-        remote.handle->hostHandle = remote.fetcher->GetHostHandle();
-        if (options.verify) remote.sourceFd = open(remote.path.c_str(), O_RDONLY | O_CLOEXEC);
+        remote.handle = hostkit::OpenHandle(remote.fetcher->GetHostHandle());
         totalBytes += remote.fetcher->Size();
         remotes.push_back(std::move(remote));
+        if (!options.verify) continue;
+        remotes.back().sourceFd = open(remotes.back().path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (remotes.back().sourceFd < 0) {
+            fprintf(stderr, "cachecat: %s: cannot open the file to verify: %s\n",
+                    remotes.back().path.c_str(), strerror(errno));
+            status = 1;
+        }
     }
 
     if (status == 0) {
@@ -383,7 +373,9 @@ int Run(const Options& options) {
             fflush(stdout);
         }
         if (status == 0 && options.verify) printf("verify: every byte matches\n");
-        ReportCacheDirectory(directory);
+        const hostkit::DirectoryUsage usage = hostkit::UsageOf(directory);
+        printf("cache directory %s holds %d file(s), %lld bytes\n", directory.c_str(), usage.files,
+               usage.bytes);
     }
 
     for (Remote& remote : remotes) {
@@ -397,10 +389,6 @@ int Run(const Options& options) {
     Cache_UnbindAsyncQ();
     queue.reset();
     Cache_UnbindLogger();
-    if (removeDirectory) {
-        std::error_code ignored;
-        std::filesystem::remove_all(directory, ignored);
-    }
     return status;
 }
 
