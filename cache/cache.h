@@ -184,6 +184,11 @@ protected:
 
 // The host's fetcher. Fetch is synchronous: every piece of the range reaches
 // sink->FetchWrite before it returns; 0 means everything was delivered.
+// Every piece starts on a 64 KiB sector boundary and covers whole sectors,
+// except the piece that ends at the end of the remote file. The stores rely
+// on it: a piece that starts inside a sector already cached is stored from
+// that sector's start, and a read-only store refuses one that starts inside
+// a sector it lacks.
 class IFetch {
 public:
     virtual AERROR Fetch(long long offset, long long length, std::shared_ptr<_FS_HANDLE> handle,
@@ -195,7 +200,10 @@ protected:
 };
 
 // The host's job queue. Queue hands the job to a worker, which later calls
-// its Process or Canceled with the same context.
+// exactly one of its Process or Canceled, with the same context, for every
+// job it was given, also while the queue shuts down: a store's Close waits
+// until every job it posted has ended, so a job that is dropped silently
+// makes it wait forever.
 class IAsyncQueue {
 public:
     virtual bool Queue(IAsyncObj* job, void* context) = 0;

@@ -23,6 +23,13 @@ void QueueAsync(IAsyncObj* job, void* context) {
     job->Process(context != nullptr ? context : reinterpret_cast<void*>(1));
 }
 
+std::shared_ptr<_FS_HANDLE> MakeLibraryHandle(long long hostHandle) {
+    auto handle = std::make_shared<_FS_HANDLE>();
+    handle->state = 2;
+    handle->hostHandle = hostHandle;
+    return handle;
+}
+
 namespace {
 
 // The chunk a superseded or orphaned large fetch still asks for, whatever
@@ -147,21 +154,19 @@ SyncFetchForWritableCache::SyncFetchForWritableCache(WritableCache* owner, IFetc
                                                      long long offset, long length,
                                                      std::shared_ptr<_FS_HANDLE> handle)
     : owner(owner), fetch(fetch), offset(offset), length(length), handle(std::move(handle)) {
-    __LOG__A(CurrentLogger(), LL_INFO | LL_CACHE, "[%s] Read-ahead for writable cache : %lld, %d",
-             owner->GetFileName()->c_str(), offset, static_cast<int>(length));
+    owner->Log(LL_INFO, "[%s] Read-ahead for writable cache : %lld, %d", offset,
+               static_cast<int>(length));
 }
 
 int SyncFetchForWritableCache::Process() {
     const AERROR result = fetch->Fetch(offset, length, handle, owner);
     if (result != AE_OK) {
-        __LOG__A(CurrentLogger(), LL_ERROR | LL_CACHE,
-                 "[%s] Read-ahead for writable cache failed : %lld, %d",
-                 owner->GetFileName()->c_str(), offset, static_cast<int>(length));
+        owner->Log(LL_ERROR, "[%s] Read-ahead for writable cache failed : %lld, %d", offset,
+                   static_cast<int>(length));
         return 1;
     }
-    __LOG__A(CurrentLogger(), LL_DETAIL | LL_CACHE,
-             "[%s] Read-ahead for writable cache done : %lld, %d", owner->GetFileName()->c_str(),
-             offset, static_cast<int>(length));
+    owner->Log(LL_DETAIL, "[%s] Read-ahead for writable cache done : %lld, %d", offset,
+               static_cast<int>(length));
     return 0;
 }
 

@@ -29,6 +29,10 @@ class WritableCache;
 // once on this thread with context 1 (when `context` is null).
 void QueueAsync(IAsyncObj* job, void* context);
 
+// A handle of the library's own, for a fetch that no host request owns: open
+// (state 2), never closed, and carrying the host's handle of the remote file.
+std::shared_ptr<_FS_HANDLE> MakeLibraryHandle(long long hostHandle);
+
 // A sink that forwards into a ReadonlyCache whose lock this thread holds.
 class SyncFetch final : public IFetchCallback {
   public:

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <regex>
+#include <vector>
 
 #include "common/utils.h"
 
@@ -17,18 +18,6 @@ int GetFileAttributes(const std::string& path) {
     if (S_ISREG(st.st_mode)) return kAttrRegular;
     if (S_ISDIR(st.st_mode)) return kAttrDirectory;
     return kAttrNone;
-}
-
-bool IsIOSuccess(size_t done, FILE* stream) { return done != 0 || ferror(stream) == 0; }
-
-bool ReadFile(FILE* stream, void* destination, size_t count, size_t* done, void*) {
-    *done = fread(destination, 1, count, stream);
-    return IsIOSuccess(*done, stream);
-}
-
-bool WriteFile(FILE* stream, const void* source, size_t count, size_t* done, void*) {
-    *done = fwrite(source, 1, count, stream);
-    return IsIOSuccess(*done, stream);
 }
 
 bool CloseHandle(FILE* stream) {
@@ -84,12 +73,10 @@ CacheFileName NameCacheFile(const std::string& cacheDir, const std::string& name
     static const std::regex colon(":");
     static const std::regex dot("\\.");
     CacheFileName result;
-    result.name = name;
     const std::vector<std::string> parts = split(name, colon);
-    if (parts.size() > 1) result.name = parts[1];
-    result.displayName = result.name;
+    result.displayName = parts.size() > 1 ? parts[1] : name;
 
-    std::string fileName = result.name;
+    std::string fileName = result.displayName;
     for (char& c : fileName) {
         if (c == '/') c = '_';
     }

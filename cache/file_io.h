@@ -1,9 +1,10 @@
-// File helpers shared by the stores: the stream functions, positioned I/O
-// on a stream's descriptor, and the naming and private creation of cache
-// files.
+// What the stores share about sectors and cache files: sector arithmetic
+// and the ranges a store accepts, the stream functions, positioned I/O on a
+// stream's descriptor, and the naming and private creation of cache files.
 #ifndef CACHE_FILE_IO_H_
 #define CACHE_FILE_IO_H_
 
+#include <climits>
 #include <cstddef>
 #include <cstdio>
 #include <string>
@@ -16,7 +17,34 @@ inline constexpr long long kSectorSize = 65536;
 
 // The sector that holds remote offset `offset` (signed, rounds toward zero
 // like the division it stands for).
-inline long long SectorOf(long long offset) { return offset - offset % kSectorSize; }
+inline long long SectorOf(long long offset) {
+    return offset - offset % kSectorSize;
+}
+
+// The start of the last whole sector that 64-bit offsets can name. Valid
+// ranges end at or below it, so rounding an end up to a sector never
+// overflows.
+inline constexpr long long kOffsetLimit = LLONG_MAX - LLONG_MAX % kSectorSize;
+
+// `offset` rounded up to a sector boundary. REQUIRES: 0 <= offset <=
+// kOffsetLimit.
+inline long long SectorCeil(long long offset) {
+    const long long start = SectorOf(offset);
+    return start == offset ? start : start + kSectorSize;
+}
+
+// True when [offset, offset + length) is a remote range a store can act on:
+// offset and length not negative, and the range ending at or below
+// kOffsetLimit. The stores refuse anything else before touching their state.
+inline bool IsValidRange(long long offset, long long length) {
+    return offset >= 0 && length >= 0 && offset <= kOffsetLimit && length <= kOffsetLimit - offset;
+}
+
+// A valid range to move through `buffer`: IsValidRange, and a buffer
+// whenever there are bytes to move.
+inline bool IsValidTransfer(long long offset, long long length, const void* buffer) {
+    return IsValidRange(offset, length) && (buffer != nullptr || length == 0);
+}
 
 // GetFileAttributes results.
 inline constexpr int kAttrNone = -1;
@@ -26,15 +54,6 @@ inline constexpr int kAttrRegular = 128;
 // kAttrRegular for a regular file, kAttrDirectory for a directory and
 // kAttrNone for anything else or when `path` cannot be stat'ed.
 int GetFileAttributes(const std::string& path);
-
-// True when `done` bytes moved, or when none did and the stream has no
-// error (a read at the end of the file succeeds with 0).
-bool IsIOSuccess(size_t done, FILE* stream);
-
-// fread / fwrite of `count` bytes at the stream's position; the count moved
-// goes to *done. The last argument is ignored.
-bool ReadFile(FILE* stream, void* destination, size_t count, size_t* done, void* unused);
-bool WriteFile(FILE* stream, const void* source, size_t count, size_t* done, void* unused);
 
 // Flushes and closes `stream`; false only for a null stream.
 bool CloseHandle(FILE* stream);
@@ -53,8 +72,7 @@ long long StreamSize(FILE* stream);
 
 // Where a store keeps its cache file and how it names itself in log lines.
 struct CacheFileName {
-    std::string name;         // the remote name after the ':' cut
-    std::string displayName;  // printed as [%s] in log lines
+    std::string displayName;  // the remote name after the ':' cut; printed as [%s]
     std::string cachePath;    // cacheDir followed by the chosen file name
 };
 

@@ -6,10 +6,10 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <thread>
 
-#include "cache/cache_settings.h"
 #include "cache/file_io.h"
 #include "cache/writable_cache.h"
 
@@ -86,7 +86,7 @@ std::optional<long long> SectorRuns::LastOfRun(long long key) const {
 
 ReadonlyCache::ReadonlyCache(const std::string& cacheDir, const std::string& name,
                              long long fileSize, std::shared_ptr<ICacheConfig> config)
-    : cacheDir(cacheDir), fileSize(fileSize), config(std::move(config)) {
+    : fileSize(fileSize), config(std::move(config)) {
     FillReadAheadSizes();
     CacheFileName chosen;
     file = CreateCacheFile(cacheDir, name, &chosen);
@@ -97,13 +97,10 @@ ReadonlyCache::ReadonlyCache(const std::string& cacheDir, const std::string& nam
 }
 
 ReadonlyCache::ReadonlyCache(WritableCache* source, std::shared_ptr<ICacheConfig> config)
-    : cacheDir(source->GetCacheDir()), config(std::move(config)) {
+    : config(std::move(config)) {
     FillReadAheadSizes();
     displayName.Set(*source->GetFileName());
-    // The size first: the source no longer knows its file once the stream
-    // has left it.
-    fileSize = source->GetFileSize();
-    file = source->TakeStream();
+    file = source->TakeStream(&fileSize);
     if (file == nullptr) throw AE_CREATE_FILE_FAILED;
     // The dense file holds sector p at offset p: every slot is its own sector.
     const auto now = std::chrono::steady_clock::now();
@@ -135,7 +132,7 @@ ICacheConfig* ReadonlyCache::GetConfig() {
 }
 
 long long ReadonlyCache::GetFileOffset(long long) {
-    return GetFileSize();
+    return SectorCeil(GetFileSize());
 }
 
 long long ReadonlyCache::GetFileSize() {
@@ -250,9 +247,7 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
                                        long* written) {
     Log(LL_INFO, "[%s] Fetch write : %p, %lld, %d", static_cast<const void*>(data), offset,
         static_cast<int>(size));
-    // Besides negative sizes and missing data, refuse ranges whose sector
-    // arithmetic would overflow.
-    if (size < 0 || (data == nullptr && size > 0) || offset > LLONG_MAX - size - 2 * kSectorSize) {
+    if (!IsValidTransfer(offset, size, data)) {
         Log(LL_ERROR, "[%s] Fetch write failed : invalid data");
         return AE_WRITE_FAILED;
     }
@@ -266,9 +261,21 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
     long long total = 0;
     long long remaining = size;
     const char* source = data;
+    // Where the next appended slot goes: the file's end, looked up once and
+    // then advanced past every slot this call appends.
+    long long appendAt = -1;
+    const auto appendSlot = [&] {
+        if (appendAt == -1) appendAt = GetFileOffset(cur);
+        const long long slot = appendAt;
+        appendAt += kSectorSize;
+        return slot;
+    };
     while (remaining != 0) {
         auto found = sectors.find(cur);
         _SECTOR* entry;
+        // Set when the slot is given out here: it holds nothing of its
+        // sector yet, so its tail is padded.
+        bool assigned = true;
         if (found == sectors.end()) {
             // Only an absent first sector must start on a sector boundary;
             // data for an existing one is written from the sector's start.
@@ -281,7 +288,7 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
             if (slot != -1) {
                 Log(LL_DETAIL, "[%s] Fetch write : Empty sector found on %lld", slot);
             } else {
-                slot = GetFileOffset(cur);
+                slot = appendSlot();
                 Log(LL_DETAIL, "[%s] Fetch write : Empty sector not found. Append cache on %lld.",
                     slot);
             }
@@ -291,7 +298,8 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
             entry = &found->second;
             // A reserved sector without a slot appends one; freed slots are
             // handed out by reservations only.
-            if (entry->offset == -1) entry->offset = GetFileOffset(cur);
+            assigned = entry->offset == -1;
+            if (assigned) entry->offset = appendSlot();
             entry->hits = 0;
             entry->length = std::min(remaining, kSectorSize);
             entry->time = now;
@@ -299,6 +307,7 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
                 entry->offset);
         } else {
             entry = &found->second;
+            assigned = false;
             Log(LL_DETAIL,
                 "[%s] Fetch write : Sector %lld not reserved. Data will be overwritten on current "
                 "cache %lld",
@@ -312,7 +321,7 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
             return FailFetchWriteNoLock(cur, errno);
         }
         const long long n = static_cast<long long>(done);
-        if (n < kSectorSize) {
+        if (assigned && n < kSectorSize) {
             size_t padded = 0;
             WriteAt(file, entry->offset + n, kZeroSlot, static_cast<size_t>(kSectorSize - n),
                     &padded);
@@ -322,13 +331,6 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
         source += n;
         remaining -= n;
         cur += kSectorSize;
-    }
-    // Transfers bypass the stream, so only a stream in error or without a
-    // descriptor tells that the file broke meanwhile.
-    if (ferror(file) != 0 || fileno(file) < 0) {
-        const int error = errno;
-        Log(LL_ERROR, "[%s] Fetch write failed : %s", strerror(error));
-        return AE_WRITE_FAILED;
     }
     if (written != nullptr) *written = static_cast<long>(total);
     return AE_OK;
@@ -353,6 +355,10 @@ AERROR ReadonlyCache::Reserve(long long offset, long long length) {
 }
 
 AERROR ReadonlyCache::ReserveNoLock(long long offset, long long length) {
+    if (!IsValidRange(offset, length)) {
+        Log(LL_ERROR, "[%s] Reserve block failed : invalid range");
+        return AE_NOTHING_RESERVED;
+    }
     Log(LL_INFO, "[%s] Reserved blocks %lld to %lld(%lld bytes)", offset, offset + length, length);
     if (file == nullptr) {
         Log(LL_ERROR, "[%s] Reserve block failed : Invalid cache file handle");

@@ -95,9 +95,10 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     ReadonlyCache(const std::string& cacheDir, const std::string& name, long long fileSize,
                   std::shared_ptr<ICacheConfig> config);
     // Takes over the stream of a writable store, whose file holds the remote
-    // file densely: every sector of it becomes present at its own offset.
-    // The file inherited this way is never deleted by this store. Throws
-    // AE_CREATE_FILE_FAILED when `source` has no open stream.
+    // file densely: every sector of the file's size at the hand-over becomes
+    // present at its own offset. The file inherited this way is never deleted
+    // by this store. Throws AE_CREATE_FILE_FAILED when `source` has no open
+    // stream.
     ReadonlyCache(WritableCache* source, std::shared_ptr<ICacheConfig> config);
     ReadonlyCache(const ReadonlyCache&) = delete;
     ReadonlyCache& operator=(const ReadonlyCache&) = delete;
@@ -146,23 +147,28 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
 
     // Stores `size` fetched bytes for remote `offset`, sector by sector, in
     // free slots (oldest freed first) or slots appended to the file, and
-    // stores the count through `written` (may be null). 0; 3005 closed; 3006
-    // when the first sector is absent and `offset` is not aligned; 3007 on
-    // invalid data or a failed write, after which the entries from the
+    // stores the count through `written` (may be null). A slot given out by
+    // this call is padded to its full length; a present sector is rewritten
+    // in place over its own length only. 0; 3005 closed; 3006 when the first
+    // sector is absent and `offset` is not aligned; 3007 on an invalid range
+    // or missing data, or a failed write, after which the entries from the
     // failing sector on are erased (their slots are not reused).
     // FetchWrite takes `lock`; FetchWriteNoLock REQUIRES it held.
     virtual AERROR FetchWriteNoLock(long long offset, const char* data, long size, long* written);
     AERROR FetchWrite(long long offset, const char* data, long size, long* written) override;
     // The configuration provider; owned by this store (shared).
     virtual ICacheConfig* GetConfig();
-    // Where a new slot is appended: the cache file's size. Takes no lock of
-    // the store (the leaf `fileLock` only).
+    // Where a new slot is appended: the cache file's size rounded up to a
+    // whole slot, so that no slot overlaps a short one before it (the file
+    // may end mid-slot after a host write, a conversion or a truncation).
+    // Takes no lock of the store (the leaf `fileLock` only).
     virtual long long GetFileOffset(long long offset);
 
     // Marks the absent sectors of the range reserved, each with the oldest
     // free slot or none (-1). 0 when at least one was newly reserved, 3014
-    // when none, 3005 when closed, 3006 (no log line) when the first sector
-    // is absent and `offset` is not aligned. REQUIRES: `lock` held.
+    // when none or the range is invalid (negative, or past kOffsetLimit),
+    // 3005 when closed, 3006 (no log line) when the first sector is absent
+    // and `offset` is not aligned. REQUIRES: `lock` held.
     AERROR ReserveNoLock(long long offset, long long length);
     // Erases the reserved sectors among those that the range touches,
     // counting a full sector for the first one; their slots go to the back
@@ -191,6 +197,9 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
   private:
     // Tests inspect the sector map and inject faults through it.
     friend class ReadonlyCachePeer;
+
+    // How often a read or write waiting for fetched sectors looks again.
+    static constexpr std::chrono::milliseconds kPollPeriod{10};
 
     // What a read has queued on its own behalf; decides what a sector that
     // vanishes while the read waits means.
@@ -255,7 +264,6 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // A leaf lock: `file` changes only with both `lock` and `fileLock` held,
     // so GetFileSize can read it under `fileLock` alone.
     std::mutex fileLock;
-    std::string cacheDir;
     // The remote file's name, printed in log lines; ChangeFileName replaces it.
     DisplayName displayName;
     FILE* file = nullptr;

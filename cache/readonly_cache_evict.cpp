@@ -29,7 +29,7 @@ struct _SECTOR_USING {
 
 void ReadonlyCache::ClearOldCache(bool overLimit) {
     std::lock_guard<std::mutex> guard(lock);
-    if (file == nullptr || !config) return;
+    if (file == nullptr) return;
     const auto now = std::chrono::steady_clock::now();
     const _CACHECONFIG settings = config->GetConfig();
     // Limits in seconds, compared unsigned: a negative limit never expires.

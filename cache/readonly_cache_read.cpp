@@ -28,22 +28,15 @@ constexpr size_t kHistoryLength = 10;
 // A read more than this long after the previous one starts a new sequence.
 constexpr long long kSequenceGapSeconds = 300;
 constexpr int kMaxReadAheadLevel = 50;
-constexpr auto kPollPeriod = std::chrono::milliseconds(10);
-
-// A request the store can act on: a non-negative range that fits, and a
-// buffer when there is something to copy.
-bool IsValidRequest(const _READDATA& request) {
-    return request.offset >= 0 && request.length >= 0 &&
-           (request.buffer != nullptr || request.length == 0) &&
-           request.offset <= LLONG_MAX - std::max(request.length, kMinimumQueued) - kSectorSize;
-}
 
 }  // namespace
 
 AERROR ReadonlyCache::Read(_READDATA* request) {
     Log(LL_INFO, "[%s] Read : %p, %lld, %d", static_cast<void*>(request->buffer), request->offset,
         static_cast<int>(request->length));
-    if (!IsValidRequest(*request)) {
+    // The range must leave room for the window queued from its offset too.
+    if (!IsValidTransfer(request->offset, request->length, request->buffer) ||
+        !IsValidRange(request->offset, kMinimumQueued)) {
         Log(LL_ERROR, "[%s] Read failed : invalid request");
         return AE_READ_FAILED;
     }
@@ -52,7 +45,7 @@ AERROR ReadonlyCache::Read(_READDATA* request) {
 
     std::unique_lock<std::mutex> guard(lock);
     if (file == nullptr) return AE_INVALID_HANDLE;
-    if (request->fileSize != fileSize) fileSize = request->fileSize;
+    fileSize = request->fileSize;
     if (request->timeout == 0) request->timeout = settings.readtimeout;
 
     QueueState state = QueueState::kNothing;
@@ -88,12 +81,9 @@ void ReadonlyCache::FetchWholeFileNoLock(_READDATA* request) {
     Log(LL_INFO, "[%s] Fetch all at once specified. Trying to fetch whole file(%lld bytes).",
         fileSize);
     // The job runs under a handle of its own that the host never closes.
-    auto handle = std::make_shared<_FS_HANDLE>();
-    handle->state = 2;
-    handle->data = 0;
-    handle->hostHandle = request->handle ? request->handle->hostHandle : 0;
-    auto* job =
-        new AsyncLargeFetch(this, request->fetch, 0, request->fileSize, std::move(handle), true);
+    auto* job = new AsyncLargeFetch(
+        this, request->fetch, 0, fileSize,
+        MakeLibraryHandle(request->handle ? request->handle->hostHandle : 0), true);
     largeFetch.store(job, std::memory_order_release);
     QueueAsync(job, nullptr);
     request->timeout = -1;
@@ -295,7 +285,7 @@ AERROR ReadonlyCache::CheckReadAhead(_READDATA* request, const _CACHECONFIG& set
             return AE_OK;
         }
         // runEnd < offset + quota, written so that a huge quota cannot overflow.
-        if (runEnd - request->offset < config->GetQuota() && !readHistory.empty()) {
+        if (!readHistory.empty() && runEnd - request->offset < config->GetQuota()) {
             const _READHISTORY& previous = readHistory.back();
             const auto gap =
                 std::chrono::duration_cast<std::chrono::seconds>(read.time - previous.time);

@@ -11,7 +11,6 @@
 
 #include "cache/file_io.h"
 #include "cache/readonly_cache.h"
-#include "cache/writable_cache.h"
 #include "common/chrono.h"
 
 namespace cache {
@@ -21,9 +20,6 @@ namespace {
 // How long a write waits for its sectors when the request leaves it open.
 // Deliberately fixed rather than the configured read time-out.
 constexpr long long kDefaultWriteTimeoutMs = 10000;
-
-// Poll period of the wait for reserved sectors.
-constexpr std::chrono::milliseconds kPollPeriod(10);
 
 }  // namespace
 
@@ -97,11 +93,7 @@ AERROR ReadonlyCache::Write(_WRITEDATA* request) {
         const bool fresh = entry == sectors.end();
         const bool recycled = fresh && !emptySlots.empty();
         long long slot = recycled ? emptySlots.front() : fresh ? -1 : entry->second.offset;
-        if (slot == -1) {
-            // Appended slots start on a sector boundary even after a short
-            // last slot, so that no two slots ever overlap.
-            slot = SectorCeil(GetFileOffset(cur));
-        }
+        if (slot == -1) slot = GetFileOffset(cur);
         const long long within = cur == first ? offset - first : 0;
         const long long fileOffset = slot + within;
         const long long chunk = std::min(kSectorSize - within, remaining);

@@ -6,30 +6,17 @@
 #include <cerrno>
 #include <cstring>
 
-#include "cache/bindings.h"
 #include "cache/fetch_jobs.h"
 #include "cache/file_io.h"
 #include "cache/readonly_cache.h"
 
 namespace cache {
 
-long long SectorCeil(long long offset) {
-    const long long start = SectorOf(offset);
-    return start == offset ? start : start + kSectorSize;
-}
-
-bool IsValidTransfer(long long offset, long long length, const void* buffer) {
-    if (offset < 0 || length < 0 || offset > kOffsetLimit) return false;
-    if (length > kOffsetLimit - offset) return false;
-    return buffer != nullptr || length == 0;
-}
-
 WritableCache::WritableCache(const std::string& cacheDir, const std::string& name,
                              long long fileSize, IFetch*, std::shared_ptr<ICacheConfig> config)
-    : cacheDir(cacheDir), config(std::move(config)) {
+    : config(std::move(config)) {
     CacheFileName naming;
     file = CreateCacheFile(cacheDir, name, &naming);
-    this->name = std::move(naming.name);
     displayName.Set(std::move(naming.displayName));
     if (file == nullptr) {
         const int error = errno;
@@ -61,7 +48,7 @@ AERROR WritableCache::Read(_READDATA* request) {
     }
     // The store itself never waits; the record still carries the effective
     // time-out back to the host, as the read-only store's does.
-    if (request->timeout == 0 && config) request->timeout = config->GetConfig().readtimeout;
+    if (request->timeout == 0) request->timeout = config->GetConfig().readtimeout;
 
     const long long end = request->offset + request->length;
     if (request->fetch != nullptr) {
@@ -227,10 +214,7 @@ AERROR WritableCache::FillEmptySectors(IFetch* fetch) {
     std::lock_guard<std::mutex> guard(lock);
     // The fill is not tied to any host request, so it carries a handle of
     // its own that nobody closes.
-    auto handle = std::make_shared<_FS_HANDLE>();
-    handle->state = 2;
-    handle->data = 0;
-    handle->hostHandle = fetch->GetHostHandle();
+    const std::shared_ptr<_FS_HANDLE> handle = MakeLibraryHandle(fetch->GetHostHandle());
     if (missing.empty()) return AE_OK;
     std::map<long long, long long> runs;
     for (const auto& [start, stop] : missing) runs.emplace(start, stop - start);
@@ -239,7 +223,6 @@ AERROR WritableCache::FillEmptySectors(IFetch* fetch) {
 }
 
 void WritableCache::ChangeFileName(std::string newName) {
-    name = newName;
     displayName.Set(std::move(newName));
 }
 
@@ -268,9 +251,10 @@ AERROR WritableCache::FetchWrite(long long offset, const char* data, long length
     return AE_OK;
 }
 
-FILE* WritableCache::TakeStream() {
+FILE* WritableCache::TakeStream(long long* size) {
     std::lock_guard<std::mutex> guard(lock);
     std::unique_lock<std::shared_mutex> stream(streamLock);
+    *size = StreamSize(file);
     FILE* taken = file;
     file = nullptr;
     missing.clear();

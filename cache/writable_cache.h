@@ -16,7 +16,6 @@
 #define CACHE_WRITABLE_CACHE_H_
 
 #include <atomic>
-#include <climits>
 #include <cstdio>
 #include <deque>
 #include <map>
@@ -27,31 +26,15 @@
 
 #include "cache/cache.h"
 #include "cache/display_name.h"
-#include "cache/file_io.h"
 
 namespace cache {
-
-// The start of the last whole sector that 64-bit offsets can name. Valid
-// ranges end at or below it, so rounding an end up to a sector never
-// overflows.
-inline constexpr long long kOffsetLimit = LLONG_MAX - LLONG_MAX % kSectorSize;
-
-// `offset` rounded up to a sector boundary. REQUIRES: 0 <= offset <=
-// kOffsetLimit.
-long long SectorCeil(long long offset);
-
-// True when a transfer of `length` bytes at remote `offset` through `buffer`
-// is one a store can carry out: offset and length not negative, the range
-// ending at or below the last whole sector that 64-bit offsets can name, and
-// a buffer whenever there are bytes to move. The stores refuse anything else
-// before touching their state.
-bool IsValidTransfer(long long offset, long long length, const void* buffer);
 
 class WritableCache : public ICacheFile, public IFetchCallback {
   public:
     // Creates the cache file in `cacheDir` (which ends with a separator) and
     // lists every sector below `fileSize` as missing. Throws AE_CREATE_FILE_FAILED
     // (3004) when the file cannot be created. `fetch` is not kept.
+    // REQUIRES: `config` is non-null.
     WritableCache(const std::string& cacheDir, const std::string& name, long long fileSize,
                   IFetch* fetch, std::shared_ptr<ICacheConfig> config);
     WritableCache(const WritableCache&) = delete;
@@ -93,8 +76,8 @@ class WritableCache : public ICacheFile, public IFetchCallback {
     long long GetLargestEmptyOffset(long long offset) override;
     // Fetches every missing sector with a handle of its own; always 0.
     AERROR FillEmptySectors(IFetch* fetch) override;
-    // Renames the store in log lines; the cache file keeps its name.
-    // REQUIRES: no concurrent GetName (the owning cache object's lock).
+    // Renames the store in log lines; the cache file keeps its name. Takes
+    // no lock of the store; safe while other threads log.
     void ChangeFileName(std::string newName) override;
 
     // Deletes the cache file (also after the stream was taken over).
@@ -114,14 +97,12 @@ class WritableCache : public ICacheFile, public IFetchCallback {
                            std::shared_ptr<_FS_HANDLE> handle);
 
     // Hand-over to a ReadonlyCache built from this store: the stream leaves
-    // this store, which is closed from then on. Waits for running transfers.
-    FILE* TakeStream();
-    const std::string& GetCacheDir() const { return cacheDir; }
-    const std::string& GetName() const { return name; }
+    // this store, which is closed from then on, and *size receives the
+    // file's size as it is at the hand-over (0 when already closed). Waits
+    // for running transfers; no write can slip in between the two.
+    FILE* TakeStream(long long* size);
     std::shared_ptr<const std::string> GetFileName() const { return displayName.Get(); }
-    const std::shared_ptr<ICacheConfig>& GetConfig() const { return config; }
 
-  private:
     // Writes one log line about this store; `format` starts with "[%s]",
     // which receives the display name, and `args` fill the rest.
     template <typename... Args>
@@ -129,6 +110,7 @@ class WritableCache : public ICacheFile, public IFetchCallback {
         displayName.Log(level, format, args...);
     }
 
+  private:
     // Missing sectors as sorted, disjoint, non-adjacent runs: start -> end,
     // both multiples of the sector size. A run per gap keeps a huge sparse
     // file cheap, and lookups logarithmic.
@@ -150,8 +132,6 @@ class WritableCache : public ICacheFile, public IFetchCallback {
     // Raises the recorded remote size to `size` if that is larger.
     void RaiseFileSize(long long size);
 
-    std::string cacheDir;
-    std::string name;
     DisplayName displayName;
     std::string cachePath;
     std::mutex lock;                     // guards missing and fills; see the class comment

@@ -39,11 +39,16 @@ TEST_F(EvictionTest, OldSectorsGoByAgeAndReadsButNeverWhileReserved) {
         log.HasText("[remote.bin] ClearOldCache : 32 sector(s) will clear(total 512 sector(s))"));
     EXPECT_TRUE(log.HasText("[remote.bin] ClearOldCache : OK, 33554432 => 31457280"));
     // Over it every old sector goes; runs of four read again just now stay,
-    // every byte of them intact.
+    // every byte of them intact. Ages count in whole seconds, so this holds
+    // only while re-reading and clearing take less than one.
+    const auto rereadStart = std::chrono::steady_clock::now();
     for (long long first = 1; first < kSlots; first += 8) {
         ASSERT_TRUE(ReadsRemote(*store, first * kSector, 4 * kSector, nullptr));
     }
     store->ClearOldCache(true);
+    if (std::chrono::steady_clock::now() - rereadStart >= std::chrono::seconds(1)) {
+        GTEST_SKIP() << "re-reading took a second or more: the fresh sectors aged";
+    }
     EXPECT_TRUE(
         log.HasText("[remote.bin] ClearOldCache : 224 sector(s) will clear(total 480 sector(s))"));
     EXPECT_EQ(store->GetFileSize(), Size() / 2);

@@ -17,11 +17,7 @@ TEST_F(ReadonlyTest, ColdWarmAndPartialReads) {
     // Cold: a small read queues a mebibyte from its sector, one job per run
     // of missing sectors; with no queue bound they run inside the read.
     EXPECT_TRUE(ReadsRemote(*store, 70000, 100, fetch.get()));
-    EXPECT_EQ(Texts("[%s] Queue empty offset %lld to %lld(%lld bytes)"),
-              (std::vector<std::string>{
-                  "[remote.bin] Queue empty offset 65536 to 131072(65536 bytes)",
-                  "[remote.bin] Queue empty offset 196608 to 1179648(983040 bytes)"}));
-    EXPECT_EQ(fetch->Take().size(), 2u);
+    EXPECT_EQ(fetch->Take(), (Calls{{kSector, kSector}, {3 * kSector, 15 * kSector}}));
 
     // Warm: nothing fetched.
     EXPECT_TRUE(ReadsRemote(*store, 70000, 300000, fetch.get()));
@@ -59,9 +55,6 @@ TEST_F(ReadonlyTest, WholeFileFlagPostsOneFetchForEveryone) {
     EXPECT_EQ(first.bytes, remote);
     EXPECT_EQ(second.bytes, Slice(remote, 5 * kSector, 1000));
     EXPECT_EQ(fetch->Take(), (Calls{{0, Size()}}));
-    EXPECT_EQ(Texts("[%s] Fetch all at once specified. Trying to fetch whole file(%lld bytes)."),
-              std::vector<std::string>{"[remote.bin] Fetch all at once specified. Trying to "
-                                       "fetch whole file(1310727 bytes)."});
 }
 
 TEST_F(ReadonlyTest, ConcurrentReadersSeeTheRemoteAndFetchEachSectorOnce) {
@@ -142,7 +135,6 @@ TEST_F(ReadonlyTest, FailedFetchTimeOutAndClosedHandleReleaseTheRange) {
     EXPECT_FALSE(closed);
     fetch->SetGate(true);
     closer.join();
-    EXPECT_EQ(store->readAheadThreads, 0);
 
     // The host has closed the handle: the reader gives up at once, the job
     // once it runs, silent about a failure the host caused.

@@ -9,10 +9,10 @@
 
 #include <condition_variable>
 #include <cstring>
-#include <functional>
 #include <thread>
 
 #include "cache/cache_settings.h"
+#include "cache/file_io.h"
 #include "cache/readonly_cache.h"
 #include "cache/writable_cache.h"
 #include "hostkit/file_fetcher.h"
@@ -28,11 +28,10 @@ class ReadonlyCachePeer {
         std::lock_guard<std::mutex> guard(store.lock);
         return store.sectors;
     }
-    // Appends `slot` to the free-slot queue (when given) and returns the queue.
-    static std::deque<long long> FreeSlots(ReadonlyCache& store, long long slot = -1) {
+    // Queues `slot` as free, as eviction would.
+    static void AddFreeSlot(ReadonlyCache& store, long long slot) {
         std::lock_guard<std::mutex> guard(store.lock);
-        if (slot != -1) store.emptySlots.push_back(slot);
-        return store.emptySlots;
+        store.emptySlots.push_back(slot);
     }
 };
 
@@ -44,6 +43,7 @@ using cache::ReadonlyCache;
 using cache::ReadonlyCachePeer;
 using cache::WritableCache;
 using testhost::Slice;
+using testhost::WaitFor;
 constexpr long long kSector = cache::kSectorSize;
 constexpr long long kMiB = 1048576;
 constexpr auto kPatience = std::chrono::seconds(10);         // bounds every wait of a test
@@ -156,10 +156,8 @@ class StoreTest : public ::testing::Test {
     std::shared_ptr<cache::CacheSettings> Config() {
         return std::make_shared<cache::CacheSettings>(1LL << 40, settings);
     }
-    std::unique_ptr<ReadonlyCache> ReadOnly(const std::string& name = "remote.bin",
-                                            long long size = -1) {
-        return std::make_unique<ReadonlyCache>(dir.path() + "/", name, size < 0 ? Size() : size,
-                                               Config());
+    std::unique_ptr<ReadonlyCache> ReadOnly(const std::string& name = "remote.bin") {
+        return std::make_unique<ReadonlyCache>(dir.path() + "/", name, Size(), Config());
     }
     std::unique_ptr<WritableCache> Writable(const std::string& name, long long size) {
         return std::make_unique<WritableCache>(dir.path() + "/", name, size, nullptr, Config());
@@ -172,19 +170,6 @@ class StoreTest : public ::testing::Test {
     bool ReadsRemote(ICacheFile& store, long long offset, long long length, IFetch* source) {
         const auto result = Read(store, source, Size(), offset, length);
         return result.error == AE_OK && result.bytes == Slice(remote, offset, length);
-    }
-    std::vector<std::string> Texts(const std::string& format) {
-        std::vector<std::string> texts;
-        for (const auto& line : log.WithFormat(format)) texts.push_back(line.text);
-        return texts;
-    }
-    // Polls until `done` holds; false after kPatience.
-    static bool WaitFor(const std::function<bool()>& done) {
-        const auto deadline = std::chrono::steady_clock::now() + kPatience;
-        while (!done() && std::chrono::steady_clock::now() < deadline) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-        return done();
     }
 
     testhost::TempDir dir;
