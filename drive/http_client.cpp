@@ -143,7 +143,8 @@ HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) 
     transfer.response.code = curl_easy_perform(handle);
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &transfer.response.status);
     if (transfer.response.code != CURLE_OK) {
-        transfer.response.error = error[0] != '\0' ? error : curl_easy_strerror(transfer.response.code);
+        transfer.response.error =
+            error[0] != '\0' ? error : curl_easy_strerror(transfer.response.code);
     }
     Release(handle);
     return std::move(transfer.response);

@@ -19,11 +19,11 @@
 namespace drive {
 
 struct HttpRequest {
-    std::string path;             // percent-encoded, relative to the base URL
-    bool headOnly = false;        // HEAD instead of GET
-    long long rangeFirst = -1;    // with rangeLast: "Range: bytes=first-last"
+    std::string path;           // percent-encoded, relative to the base URL
+    bool headOnly = false;      // HEAD instead of GET
+    long long rangeFirst = -1;  // with rangeLast: "Range: bytes=first-last"
     long long rangeLast = -1;
-    std::string ifMatch;          // sent as If-Match when not empty
+    std::string ifMatch;  // sent as If-Match when not empty
 };
 
 struct HttpResponse {

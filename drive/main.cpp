@@ -332,8 +332,7 @@ int Serve(const Options& options) {
             status = 1;
         }
         if (status == 0) {
-            drive::OpenFiles files(cache, &client, &tree, &log, &stats, drive::FetchPolicy(),
-                                   256);
+            drive::OpenFiles files(cache, &client, &tree, &log, &stats, drive::FetchPolicy(), 256);
             context.files = &files;
             log.Info("Serving %s on %s, cache in %s", options.url.c_str(),
                      options.mountpoint.c_str(), cachePath.c_str());

@@ -20,7 +20,9 @@ std::string PathOfUrl(const std::string& url) {
     return path == std::string::npos ? "/" : url.substr(path);
 }
 
-bool IsStrongEtag(const std::string& etag) { return !etag.empty() && etag.rfind("W/", 0) != 0; }
+bool IsStrongEtag(const std::string& etag) {
+    return !etag.empty() && etag.rfind("W/", 0) != 0;
+}
 
 }  // namespace
 
@@ -38,7 +40,7 @@ RemoteTree::RemoteTree(HttpClient* client, DriveLog* log, std::chrono::milliseco
 }
 
 int RemoteTree::Lookup(Inode parent, const std::string& name, NodeInfo* info) {
-    if (const int error = Refresh(parent); error != 0) return error;
+    if (const int error = Refresh(parent, ttl_); error != 0) return error;
     std::lock_guard<std::mutex> guard(lock_);
     const Node& directory = nodes_.at(parent);
     const auto child = directory.children.find(name);
@@ -48,6 +50,10 @@ int RemoteTree::Lookup(Inode parent, const std::string& name, NodeInfo* info) {
 }
 
 int RemoteTree::Stat(Inode inode, NodeInfo* info) {
+    return StatFresh(inode, ttl_, info);
+}
+
+int RemoteTree::StatFresh(Inode inode, std::chrono::milliseconds maxAge, NodeInfo* info) {
     Inode parent = 0;
     {
         std::lock_guard<std::mutex> guard(lock_);
@@ -55,7 +61,7 @@ int RemoteTree::Stat(Inode inode, NodeInfo* info) {
         if (node == nodes_.end()) return ENOENT;
         parent = node->second.parent;
     }
-    if (const int error = Refresh(parent); error != 0) return error;
+    if (const int error = Refresh(parent, maxAge); error != 0) return error;
     std::lock_guard<std::mutex> guard(lock_);
     const Node& node = nodes_.at(inode);
     if (node.gone) return ENOENT;
@@ -64,7 +70,7 @@ int RemoteTree::Stat(Inode inode, NodeInfo* info) {
 }
 
 int RemoteTree::List(Inode inode, std::vector<DirEntry>* entries) {
-    if (const int error = Refresh(inode); error != 0) return error;
+    if (const int error = Refresh(inode, ttl_); error != 0) return error;
     std::lock_guard<std::mutex> guard(lock_);
     entries->clear();
     for (const auto& [name, child] : nodes_.at(inode).children) {
@@ -88,14 +94,15 @@ void RemoteTree::LearnEtag(Inode inode, uint64_t version, const std::string& eta
     if (node->second.info.etag.empty()) node->second.info.etag = etag;
 }
 
-int RemoteTree::Refresh(Inode inode) {
+int RemoteTree::Refresh(Inode inode, std::chrono::milliseconds maxAge) {
     std::string path;
     {
         std::lock_guard<std::mutex> guard(lock_);
         const auto node = nodes_.find(inode);
         if (node == nodes_.end()) return ENOENT;
         if (!node->second.info.isDirectory) return ENOTDIR;
-        if (node->second.listed && std::chrono::steady_clock::now() - node->second.listedAt < ttl_) {
+        if (node->second.listed &&
+            std::chrono::steady_clock::now() - node->second.listedAt < maxAge) {
             return 0;
         }
         path = node->second.info.path;
@@ -103,9 +110,9 @@ int RemoteTree::Refresh(Inode inode) {
     std::vector<ListingEntry> entries;
     if (const int error = FetchListing(path, &entries); error != 0) return error;
     std::vector<std::string> etags(entries.size());
-    const bool complete =
-        std::all_of(entries.begin(), entries.end(),
-                    [](const ListingEntry& e) { return e.isDirectory || e.size >= 0; });
+    const bool complete = std::all_of(entries.begin(), entries.end(), [](const ListingEntry& e) {
+        return e.isDirectory || e.size >= 0;
+    });
     if (!complete) Probe(path, &entries, &etags);
     std::lock_guard<std::mutex> guard(lock_);
     MergeNoLock(inode, entries, etags);

@@ -31,7 +31,7 @@ struct NodeInfo {
     std::string path;  // percent-encoded, relative to the base URL; directories end in '/'
     long long size = 0;
     long long mtime = 0;
-    std::string etag;     // empty when unknown
+    std::string etag;      // empty when unknown
     uint64_t version = 0;  // bumped whenever size, mtime or ETag changed
 };
 
@@ -44,7 +44,8 @@ class RemoteTree {
   public:
     // Lists through `client` (not owned); listings live for `ttl`; at most
     // `parallelProbes` HEAD requests run at once for an HTML listing.
-    RemoteTree(HttpClient* client, DriveLog* log, std::chrono::milliseconds ttl, int parallelProbes);
+    RemoteTree(HttpClient* client, DriveLog* log, std::chrono::milliseconds ttl,
+               int parallelProbes);
     RemoteTree(const RemoteTree&) = delete;
     RemoteTree& operator=(const RemoteTree&) = delete;
 
@@ -54,6 +55,9 @@ class RemoteTree {
     // The node `inode`, refreshed through its directory's listing when that
     // is out of date. Returns 0 or an errno value.
     int Stat(Inode inode, NodeInfo* info);
+    // As Stat, but lists the directory again when its listing is older than
+    // `maxAge`: an open must see a file replaced on the server.
+    int StatFresh(Inode inode, std::chrono::milliseconds maxAge, NodeInfo* info);
     // The entries of directory `inode`. Returns 0 or an errno value.
     int List(Inode inode, std::vector<DirEntry>* entries);
 
@@ -68,15 +72,15 @@ class RemoteTree {
     struct Node {
         NodeInfo info;
         Inode parent = 0;
-        bool gone = false;                   // no longer in its directory's listing
+        bool gone = false;  // no longer in its directory's listing
         std::map<std::string, Inode> children;
         bool listed = false;
         std::chrono::steady_clock::time_point listedAt;
     };
 
     // Lists directory `inode` again when its listing is missing or older
-    // than the time-to-live. Returns 0 or an errno value.
-    int Refresh(Inode inode);
+    // than `maxAge`. Returns 0 or an errno value.
+    int Refresh(Inode inode, std::chrono::milliseconds maxAge);
     // Fetches and parses the listing of the directory at `path`. Returns 0
     // or an errno value.
     int FetchListing(const std::string& path, std::vector<ListingEntry>* entries);
@@ -95,7 +99,7 @@ class RemoteTree {
     std::string basePath_;  // path part of the base URL, for absolute links
 
     std::mutex lock_;
-    std::map<Inode, Node> nodes_;  // GUARDED_BY(lock_)
+    std::map<Inode, Node> nodes_;       // GUARDED_BY(lock_)
     Inode nextInode_ = kRootInode + 1;  // GUARDED_BY(lock_)
 };
 
