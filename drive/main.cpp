@@ -296,6 +296,9 @@ int Serve(const Options& options) {
         fprintf(stderr, "cachedrive: bad FUSE options\n");
         return 2;
     }
+    // A shell starts background jobs with SIGINT ignored, and libfuse only
+    // takes over signals left at their default: the drive must still stop.
+    for (const int stopSignal : {SIGINT, SIGTERM, SIGHUP}) signal(stopSignal, SIG_DFL);
     if (fuse_set_signal_handlers(session) != 0 ||
         fuse_session_mount(session, options.mountpoint.c_str()) != 0) {
         fprintf(stderr, "cachedrive: cannot mount on %s\n", options.mountpoint.c_str());
