@@ -24,6 +24,9 @@ struct HttpRequest {
     long long rangeFirst = -1;  // with rangeLast: "Range: bytes=first-last"
     long long rangeLast = -1;
     std::string ifMatch;  // sent as If-Match when not empty
+    // Asked while the transfer runs, also when no byte arrives; false
+    // abandons it (CURLE_ABORTED_BY_CALLBACK).
+    std::function<bool()> keepGoing;
 };
 
 struct HttpResponse {

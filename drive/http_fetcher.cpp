@@ -184,12 +184,14 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, const _FS_HAN
         request.rangeFirst = transfer.received;
         request.rangeLast = transfer.end - 1;
         request.ifMatch = Etag();
+        request.keepGoing = [&handle] { return !HandleClosed(handle); };
         transfer.started = false;
         transfer.skip = 0;
         transfer.verdict = Outcome::kRetry;
         const long long receivedBefore = transfer.received;
         const HttpResponse response = client_->Send(request, onBody);
         const bool progressed = transfer.received - receivedBefore >= kSector;
+        if (response.code == CURLE_ABORTED_BY_CALLBACK) transfer.verdict = Outcome::kClosed;
 
         if (transfer.verdict == Outcome::kRetry && transfer.received == transfer.end) {
             transfer.verdict = Outcome::kComplete;

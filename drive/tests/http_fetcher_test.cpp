@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <mutex>
 #include <random>
+#include <thread>
 
 #include "drive/tests/scripted_server.h"
 
@@ -234,6 +235,25 @@ TEST(HttpFetcherTest, RefusesBytesOfAnotherVersionAndStopsForAClosedHandle) {
 
     rig.handle->state = 4;
     EXPECT_EQ(rig.fetcher->Fetch(0, 1048576, rig.handle, &sink), AE_HANDLE_CLOSED);
+}
+
+TEST(HttpFetcherTest, AClosedHandleEndsAStalledTransfer) {
+    const std::string content = RandomBytes(1048576, 6);
+    ScriptedServer server([&](const SeenRequest& request) {
+        Reply reply = ServeContent(request, content);
+        reply.sendBytes = 10;
+        reply.stallMs = 5000;
+        return reply;
+    });
+    FetcherRig rig(server, content);
+    RecordingSink sink(content.size());
+    std::thread closer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        std::atomic_ref<int32_t>(rig.handle->state).store(4);
+    });
+    // Closed before the 1 s stall limit ends it as a failure.
+    EXPECT_EQ(rig.fetcher->Fetch(0, 1048576, rig.handle, &sink), AE_HANDLE_CLOSED);
+    closer.join();
 }
 
 }  // namespace
