@@ -76,23 +76,24 @@ class RecordingSink final : public IFetchCallback {
 };
 
 // A fetcher of "file.bin" of `content.size()` bytes on `server`, with short
-// back-offs and a 1 s stall limit.
+// back-offs and a stall limit of `stallSeconds`.
 struct FetcherRig {
-    FetcherRig(ScriptedServer& server, const std::string& content, FetchPolicy policy = {})
+    FetcherRig(ScriptedServer& server, const std::string& content, long stallSeconds = 1)
         : log(stderr, -1),
-          client(server.Url(), 4, Limits(), &stats),
+          client(server.Url(), 4, Limits(stallSeconds), &stats),
           tree(&client, &log, std::chrono::seconds(10), 4) {
         NodeInfo file;
         file.inode = 7;
         file.path = "file.bin";
         file.size = static_cast<long long>(content.size());
+        FetchPolicy policy;
         policy.firstBackoff = std::chrono::milliseconds(1);
         fetcher = std::make_unique<HttpFetcher>(file, &client, &tree, &log, &stats, policy);
         handle->state = 1;
     }
-    static HttpLimits Limits() {
+    static HttpLimits Limits(long stallSeconds) {
         HttpLimits limits;
-        limits.lowSpeedSeconds = 1;
+        limits.lowSpeedSeconds = stallSeconds;
         return limits;
     }
 
@@ -245,13 +246,13 @@ TEST(HttpFetcherTest, AClosedHandleEndsAStalledTransfer) {
         reply.stallMs = 5000;
         return reply;
     });
-    FetcherRig rig(server, content);
+    FetcherRig rig(server, content, 4);
     RecordingSink sink(content.size());
     std::thread closer([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
         std::atomic_ref<int32_t>(rig.handle->state).store(4);
     });
-    // Closed before the 1 s stall limit ends it as a failure.
+    // Closed long before the 4 s stall limit would end it as a failure.
     EXPECT_EQ(rig.fetcher->Fetch(0, 1048576, rig.handle, &sink), AE_HANDLE_CLOSED);
     closer.join();
 }
