@@ -124,7 +124,7 @@ void Open(fuse_req_t req, fuse_ino_t inode, fuse_file_info* fi) {
         return;
     }
     NodeInfo info;
-    if (const int error = context.tree->StatFresh(inode, context.openMaxAge, &info); error != 0) {
+    if (const int error = context.tree->Stat(inode, &info); error != 0) {
         fuse_reply_err(req, error);
         return;
     }

@@ -9,8 +9,6 @@
 
 #include <fuse_lowlevel.h>
 
-#include <chrono>
-
 #include "drive/log.h"
 #include "drive/open_files.h"
 #include "drive/remote_tree.h"
@@ -26,8 +24,6 @@ struct FuseContext {
     DriveLog* log = nullptr;
     bool directIo = false;      // the kernel bypasses its page cache
     double attributeTtl = 1.0;  // seconds the kernel keeps names and attributes
-    // An open lists the file's directory again when the listing is older.
-    std::chrono::milliseconds openMaxAge{1000};
 };
 
 // The operations table to hand to fuse_session_new.

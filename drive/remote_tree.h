@@ -72,7 +72,9 @@ class RemoteTree {
     struct Node {
         NodeInfo info;
         Inode parent = 0;
-        bool gone = false;  // no longer in its directory's listing
+        bool gone = false;    // no longer in its directory's listing
+        bool probed = false;  // size and times come from HEAD, not from the listing
+        std::chrono::steady_clock::time_point checkedAt;  // when they were last learnt
         std::map<std::string, Inode> children;
         bool listed = false;
         std::chrono::steady_clock::time_point listedAt;
@@ -88,9 +90,15 @@ class RemoteTree {
     // requests (a ranged GET where HEAD is refused).
     void Probe(const std::string& directoryPath, std::vector<ListingEntry>* entries,
                std::vector<std::string>* etags);
-    // REQUIRES: lock_ held.
+    // Learns size, time and ETag of the file at `path` into `entry` and
+    // `etag`; the size stays -1 when the server tells none.
+    void ProbeOne(const std::string& path, ListingEntry* entry, std::string* etag);
+    // REQUIRES: lock_ held. Records what the server said of `node`, bumping
+    // its version when anything changed.
+    void UpdateNoLock(Node& node, long long size, long long mtime, const std::string& etag);
+    // REQUIRES: lock_ held. `probed`: the files' details come from Probe.
     void MergeNoLock(Inode directory, const std::vector<ListingEntry>& entries,
-                     const std::vector<std::string>& etags);
+                     const std::vector<std::string>& etags, bool probed);
 
     HttpClient* const client_;
     DriveLog* const log_;

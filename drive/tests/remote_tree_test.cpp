@@ -84,6 +84,7 @@ TEST(RemoteTreeTest, WalksNestedJsonListingsAndRefreshesAfterTheTtl) {
 }
 
 TEST(RemoteTreeTest, ProbesHtmlEntriesWithHeadOrARangedGet) {
+    std::atomic<size_t> headSize{1234};
     ScriptedServer server([&](const SeenRequest& request) {
         if (request.path == "/") {
             return Html(R"(<a href="../">up</a><a href="sub/">sub/</a><a href="head.bin">h</a>)"
@@ -92,7 +93,7 @@ TEST(RemoteTreeTest, ProbesHtmlEntriesWithHeadOrARangedGet) {
         if (request.path == "/head.bin") {
             Reply reply{
                 200, {{"ETag", "\"h1\""}, {"Last-Modified", "Sun, 01 Jan 2017 00:00:00 GMT"}}, ""};
-            reply.body = std::string(1234, 'h');
+            reply.body = std::string(headSize.load(), 'h');
             return reply;
         }
         if (request.path == "/nohead.bin") {
@@ -114,6 +115,18 @@ TEST(RemoteTreeTest, ProbesHtmlEntriesWithHeadOrARangedGet) {
     EXPECT_EQ(entries[1].info.etag, "") << "weak ETags cannot guard ranged requests";
     EXPECT_EQ(entries[2].name, "sub");
     EXPECT_TRUE(entries[2].info.isDirectory);
+
+    // An open checks that one file alone, not the whole directory.
+    headSize = 4321;
+    const size_t before = server.Requests().size();
+    NodeInfo fresh;
+    ASSERT_EQ(rig.tree.StatFresh(entries[0].info.inode, std::chrono::milliseconds(0), &fresh), 0);
+    EXPECT_EQ(fresh.size, 4321);
+    EXPECT_GT(fresh.version, entries[0].info.version);
+    const auto requests = server.Requests();
+    ASSERT_EQ(requests.size(), before + 1);
+    EXPECT_EQ(requests.back().method, "HEAD");
+    EXPECT_EQ(requests.back().path, "/head.bin");
 }
 
 TEST(RemoteTreeTest, ReportsListingFailures) {
