@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <ctime>
 #include <thread>
 
 #include "drive/content_range.h"
@@ -36,6 +37,7 @@ RemoteTree::RemoteTree(HttpClient* client, DriveLog* log, std::chrono::milliseco
     Node& root = nodes_[kRootInode];
     root.info.inode = kRootInode;
     root.info.isDirectory = true;
+    root.info.mtime = time(nullptr);  // no listing tells the root's own time
     root.parent = kRootInode;
 }
 
