@@ -12,18 +12,18 @@
 
 namespace cache {
 
-WritableCache::WritableCache(const std::string& cacheDir, const std::string& name,
-                             long long fileSize, IFetch*, std::shared_ptr<ICacheConfig> config)
+WritableCache::WritableCache(std::shared_ptr<const CacheDirectory> directory,
+                             const std::string& name, long long fileSize, IFetch*,
+                             std::shared_ptr<ICacheConfig> config)
     : config(std::move(config)) {
-    CacheFileName naming;
-    file = CreateCacheFile(cacheDir, name, &naming);
-    displayName.Set(std::move(naming.displayName));
+    file = directory->CreateFile(name, &cacheFile);
+    displayName.Set(cacheFile.displayName);
     if (file == nullptr) {
         const int error = errno;
         Log(LL_ERROR, "[%s] Create cache file failed : %s", strerror(error));
         throw AE_CREATE_FILE_FAILED;
     }
-    cachePath = std::move(naming.cachePath);
+    this->directory = std::move(directory);
     this->fileSize.store(fileSize, std::memory_order_relaxed);
     // A new store has fetched nothing yet. No other thread sees the store
     // before the constructor returns; the lock only satisfies the contract.
@@ -36,7 +36,7 @@ WritableCache::WritableCache(const std::string& cacheDir, const std::string& nam
 
 WritableCache::~WritableCache() {
     Close();
-    remove(cachePath.c_str());
+    directory->RemoveFile(cacheFile);
 }
 
 AERROR WritableCache::Read(_READDATA* request) {

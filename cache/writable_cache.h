@@ -25,18 +25,19 @@
 #include <string>
 
 #include "cache/cache.h"
+#include "cache/cache_directory.h"
 #include "cache/display_name.h"
 
 namespace cache {
 
 class WritableCache : public ICacheFile, public IFetchCallback {
   public:
-    // Creates the cache file in `cacheDir` (which ends with a separator) and
-    // lists every sector below `fileSize` as missing. Throws AE_CREATE_FILE_FAILED
-    // (3004) when the file cannot be created. `fetch` is not kept.
-    // REQUIRES: `config` is non-null.
-    WritableCache(const std::string& cacheDir, const std::string& name, long long fileSize,
-                  IFetch* fetch, std::shared_ptr<ICacheConfig> config);
+    // Creates the cache file in `directory`, which the store keeps until it
+    // ends, and lists every sector below `fileSize` as missing. Throws
+    // AE_CREATE_FILE_FAILED (3004) when the file cannot be created. `fetch`
+    // is not kept. REQUIRES: `directory` and `config` are non-null.
+    WritableCache(std::shared_ptr<const CacheDirectory> directory, const std::string& name,
+                  long long fileSize, IFetch* fetch, std::shared_ptr<ICacheConfig> config);
     WritableCache(const WritableCache&) = delete;
     WritableCache& operator=(const WritableCache&) = delete;
 
@@ -80,7 +81,8 @@ class WritableCache : public ICacheFile, public IFetchCallback {
     // no lock of the store; safe while other threads log.
     void ChangeFileName(std::string newName) override;
 
-    // Deletes the cache file (also after the stream was taken over).
+    // Deletes the cache file this store created (also after the stream was
+    // taken over), unless something else has replaced its entry.
     virtual ~WritableCache();
 
     // The sink of fills: writes the piece at its own offset and unlists the
@@ -133,7 +135,8 @@ class WritableCache : public ICacheFile, public IFetchCallback {
     void RaiseFileSize(long long size);
 
     DisplayName displayName;
-    std::string cachePath;
+    std::shared_ptr<const CacheDirectory> directory;
+    CacheFileName cacheFile;
     std::mutex lock;                     // guards missing and fills; see the class comment
     std::shared_mutex streamLock;        // held shared by transfers; see the class comment
     FILE* file = nullptr;                // written holding both locks; read holding either

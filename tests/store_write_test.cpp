@@ -2,6 +2,9 @@
 // writable store fetches only the partly covered sectors it lacks; the
 // read-only store fetches every missing sector a write touches first and
 // waits for them, through the host's queue or at once.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <climits>
 #include <tuple>
 
@@ -151,7 +154,10 @@ TEST_F(WritableTest, ConcurrentDisjointWritesAndReadsLandWhereWritten) {
 
 TEST_F(WritableTest, BadRequestsToEitherStoreAreRefused) {
     MakeRemote(2 * kSector);
-    EXPECT_THROW(WritableCache(dir.Sub("no/"), "f.bin", 10, nullptr, Config()), AERROR);
+    ASSERT_EQ(mkdir(dir.Sub("gone").c_str(), 0700), 0);
+    const auto gone = cache::CacheDirectory::Open(dir.Sub("gone/"));
+    ASSERT_EQ(rmdir(dir.Sub("gone").c_str()), 0);
+    EXPECT_THROW(WritableCache(gone, "f.bin", 10, nullptr, Config()), AERROR);
     auto writable = Writable("f.bin", Size());
     auto readonly = ReadOnly("r.bin");
     char byte = 'z';
