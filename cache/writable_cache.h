@@ -43,7 +43,8 @@ class WritableCache : public ICacheFile, public IFetchCallback {
 
     // Fetches the missing sectors of the range first when the request has a
     // fetcher; without one, unfetched parts read as zero bytes and the count
-    // stops at the end of the cache file. 0, 3005 when closed, 3008 for an
+    // stops at the end of the cache file. 0, 3005 when closed, 8 when a
+    // fetch failed and left a sector of the range missing, 3008 for an
     // invalid request or a failing read.
     AERROR Read(_READDATA* request) override;
     // Fetches the partly covered, missing head and tail sectors first (when
@@ -93,9 +94,9 @@ class WritableCache : public ICacheFile, public IFetchCallback {
 
     // Fetches the listed sectors, merged into runs in list order: a sector
     // extends the run that ends at it, or starts a run of its own. Repeated
-    // entries are fetched once. Failed runs stay missing. REQUIRES: `lock`
-    // held.
-    void FetchEmptySectors(std::deque<long long>& sectors, IFetch* fetch,
+    // entries are fetched once. Failed runs stay missing. True when every
+    // fetch succeeded. REQUIRES: `lock` held.
+    bool FetchEmptySectors(std::deque<long long>& sectors, IFetch* fetch,
                            std::shared_ptr<_FS_HANDLE> handle);
 
     // Hand-over to a ReadonlyCache built from this store: the stream leaves
@@ -128,8 +129,9 @@ class WritableCache : public ICacheFile, public IFetchCallback {
     // REQUIRES: `lock` held.
     std::deque<long long> MissingInNoLock(long long first, long long end) const;
     // Runs SyncFetchForWritableCache for each run (start -> length) in
-    // ascending order, regardless of failures. REQUIRES: `lock` held.
-    void FetchRunsNoLock(const std::map<long long, long long>& runs, IFetch* fetch,
+    // ascending order, regardless of failures; true when none failed.
+    // REQUIRES: `lock` held.
+    bool FetchRunsNoLock(const std::map<long long, long long>& runs, IFetch* fetch,
                          const std::shared_ptr<_FS_HANDLE>& handle);
     // Raises the recorded remote size to `size` if that is larger.
     void RaiseFileSize(long long size);
