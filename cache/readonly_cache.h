@@ -89,6 +89,10 @@ class SectorRuns {
 
 class ReadonlyCache : public ICacheFile, public IFetchCallback {
   public:
+    // A store converted from a writable copy maps at most this many sectors
+    // of holes (1 GiB), so that a huge sparse copy costs what it holds.
+    static constexpr long long kMaxConvertedHoleSectors = 16384;
+
     // A fresh, empty store for remote `name` of `fileSize` bytes, with its
     // cache file in `directory`, which the store keeps until it ends. Throws
     // AE_CREATE_FILE_FAILED (3004) when the file cannot be created.
@@ -97,7 +101,9 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
                   long long fileSize, std::shared_ptr<ICacheConfig> config);
     // Takes over the stream of a writable store, whose file holds the remote
     // file densely: every sector of the file's size at the hand-over becomes
-    // present at its own offset. The file inherited this way is never deleted
+    // present at its own offset, holes reading as zeros, unless the file has
+    // more than kMaxConvertedHoleSectors sectors of holes; then only the
+    // sectors holding data do. The file inherited this way is never deleted
     // by this store. Throws AE_CREATE_FILE_FAILED when `source` has no open
     // stream.
     ReadonlyCache(WritableCache* source, std::shared_ptr<ICacheConfig> config);
