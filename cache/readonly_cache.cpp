@@ -84,15 +84,15 @@ std::optional<long long> SectorRuns::LastOfRun(long long key) const {
 
 // ---- Construction and the small operations ----
 
-ReadonlyCache::ReadonlyCache(const std::string& cacheDir, const std::string& name,
-                             long long fileSize, std::shared_ptr<ICacheConfig> config)
+ReadonlyCache::ReadonlyCache(std::shared_ptr<const CacheDirectory> directory,
+                             const std::string& name, long long fileSize,
+                             std::shared_ptr<ICacheConfig> config)
     : fileSize(fileSize), config(std::move(config)) {
     FillReadAheadSizes();
-    CacheFileName chosen;
-    file = CreateCacheFile(cacheDir, name, &chosen);
-    displayName.Set(std::move(chosen.displayName));
+    file = directory->CreateFile(name, &cacheFile);
+    displayName.Set(cacheFile.displayName);
     if (file == nullptr) throw AE_CREATE_FILE_FAILED;
-    cachePath = std::move(chosen.cachePath);
+    this->directory = std::move(directory);
     Log(LL_INFO, "[%s] Read only cache created");
 }
 
@@ -102,19 +102,30 @@ ReadonlyCache::ReadonlyCache(WritableCache* source, std::shared_ptr<ICacheConfig
     displayName.Set(*source->GetFileName());
     file = source->TakeStream(&fileSize);
     if (file == nullptr) throw AE_CREATE_FILE_FAILED;
-    // The dense file holds sector p at offset p: every slot is its own sector.
+    // The dense file holds sector p at offset p: every slot is its own
+    // sector. The sectors that hold data become present, and so do the
+    // holes between them (they read as zeros) while there are at most
+    // kMaxConvertedHoleSectors of them. Beyond that the holes stay absent
+    // and are fetched like any uncached sector: the work and memory follow
+    // what the file holds, not the size it declares.
+    std::vector<SectorSpan> present = DataSectors(file, fileSize);
+    long long dataSectors = 0;
+    for (const SectorSpan& span : present) dataSectors += (span.end - span.first) / kSectorSize;
+    if (SectorCeil(fileSize) / kSectorSize - dataSectors <= kMaxConvertedHoleSectors) {
+        present.assign({SectorSpan{0, SectorCeil(fileSize)}});
+    }
     const auto now = std::chrono::steady_clock::now();
-    for (long long p = 0, remaining = fileSize; remaining > 0; p += kSectorSize) {
-        const long long length = std::min(remaining, kSectorSize);
-        InsertSectorNoLock(p, _SECTOR{p, length, 0, false, now});
-        remaining -= length;
+    for (const SectorSpan& span : present) {
+        for (long long p = span.first; p < span.end; p += kSectorSize) {
+            InsertSectorNoLock(p, _SECTOR{p, std::min(fileSize - p, kSectorSize), 0, false, now});
+        }
     }
     Log(LL_INFO, "[%s] Read only cache from writable cache created");
 }
 
 ReadonlyCache::~ReadonlyCache() {
     Close();
-    if (!cachePath.empty()) remove(cachePath.c_str());
+    if (directory) directory->RemoveFile(cacheFile);
 }
 
 void ReadonlyCache::FillReadAheadSizes() {
