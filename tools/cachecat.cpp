@@ -356,7 +356,8 @@ PassResult ReadThrough(Remote& remote, const Options& options, int pass, Progres
                        long long doneBefore, long long totalBytes) {
     PassResult result;
     const long long size = remote.fetcher->Size();
-    std::vector<char> expected(options.verify ? static_cast<size_t>(options.readSize) : 0);
+    std::vector<char> expected(
+        options.verify ? static_cast<size_t>(std::min(options.readSize, size)) : 0);
     const auto fail = [&](const char* format, auto... args) {
         progress.Clear();
         fprintf(stderr, format, remote.path.c_str(), args...);
