@@ -103,13 +103,17 @@ class UsageError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// The first SIGINT or SIGTERM, 0 before one arrives. The handler only sets
-// it; the reads look at it between requests and shut down in order.
+// The first SIGINT or SIGTERM, 0 before one arrives, and the fetchers'
+// stop flag. The handler only sets them: fetches give up, and the reads look
+// at the signal between requests and shut down in order.
 std::atomic<int> stopSignal{0};
-static_assert(std::atomic<int>::is_always_lock_free, "set from a signal handler");
+std::atomic<bool> stopFetches{false};
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
+              "set from a signal handler");
 
 void OnStopSignal(int signal) {
     stopSignal.store(signal, std::memory_order_relaxed);
+    stopFetches.store(true, std::memory_order_relaxed);
 }
 
 bool Stopping() {
@@ -365,14 +369,14 @@ PassResult ReadThrough(Remote& remote, const Options& options, int pass, Progres
         return result;
     };
     for (long long offset = 0; offset < size; offset += options.readSize) {
-        if (Stopping()) {
-            result.end = PassEnd::kStopped;
-            return result;
-        }
         // Never past the end of the file: such a read fails.
         const long long length = std::min(options.readSize, size - offset);
         const hostkit::ReadResult got = hostkit::ReadRange(*remote.object, remote.fetcher.get(),
                                                            size, offset, length, 0, remote.handle);
+        if (Stopping()) {  // the read may have failed because its fetch gave up
+            result.end = PassEnd::kStopped;
+            return result;
+        }
         if (got.error != AE_OK || got.transferred != length) {
             return fail("cachecat: %s: read of %lld bytes at %lld failed after %lld bytes: %s\n",
                         length, offset, got.transferred,
@@ -403,6 +407,7 @@ int ReadPasses(ICache& cache, const std::string& directory, hostkit::ThreadPoolQ
     hostkit::FetcherOptions fetcherOptions;
     fetcherOptions.latencyMs = options.latencyMs;
     fetcherOptions.bytesPerSecond = options.bandwidthMBps * 1e6;
+    fetcherOptions.stop = &stopFetches;
     long long totalBytes = 0;
     for (Remote& remote : remotes) {
         remote.fetcher = std::make_unique<hostkit::FileFetcher>(remote.path, fetcherOptions);
