@@ -1,6 +1,7 @@
 # Install rules, the pkg-config file, the CMake package and the Debian
-# packages of the library. Two components: "runtime" holds cache.so.<major>,
-# "dev" the header, the cache.so link, cache.pc and the CMake package.
+# packages of the library. Two components: "runtime" holds cache.so and,
+# beside it, the link cache.so.<major> (its SONAME); "dev" the header, cache.pc
+# and the CMake package.
 include(CMakePackageConfigHelpers)
 
 # The header's version macros and the project's version must agree.
@@ -19,11 +20,18 @@ endif()
 set(CACHE_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/cache)
 
 install(TARGETS cache EXPORT cacheTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime)
+if(CACHE_SONAME)
+  # The build tree's link cache.so.<major> -> cache.so, installed as a link.
+  install(FILES $<TARGET_FILE_DIR:cache>/${CACHE_SONAME}
+    DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime)
+endif()
 install(FILES cache/cache.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/cache COMPONENT dev)
 install(EXPORT cacheTargets NAMESPACE cache:: DESTINATION ${CACHE_CMAKE_DIR} COMPONENT dev)
 
+# The exported target names the file as its SONAME; cacheConfig.cmake
+# corrects that to CACHE_SONAME.
 configure_package_config_file(cmake/cacheConfig.cmake.in
   ${PROJECT_BINARY_DIR}/cacheConfig.cmake INSTALL_DESTINATION ${CACHE_CMAKE_DIR})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/cacheConfigVersion.cmake
@@ -59,6 +67,6 @@ set(CPACK_DEBIAN_DEV_PACKAGE_NAME cache-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
   "cache${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), pkg-config")
-set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "the shared library cache.so")
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "the shared library cache.so and its SONAME link")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "header, pkg-config file and CMake package of cache.so")
 include(CPack)
