@@ -18,6 +18,13 @@
 #include <memory>
 #include <string>
 
+// Version of this header and of the library built from it. A host may
+// compare them at compile time; the library exports no version function.
+#define CACHE_VERSION_MAJOR 0
+#define CACHE_VERSION_MINOR 1
+#define CACHE_VERSION_PATCH 0
+#define CACHE_VERSION_STRING "0.1.0"
+
 #if defined(_WIN32)
 #define CACHE_EXPORT __declspec(dllexport)
 #else

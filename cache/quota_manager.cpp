@@ -1,5 +1,10 @@
 // The storage limit of a cache and its quota manager thread.
+// statfs lives in <sys/mount.h> on macOS and in <sys/vfs.h> on Linux.
+#if defined(__APPLE__)
+#include <sys/mount.h>
+#else
 #include <sys/vfs.h>
+#endif
 
 #include <chrono>
 #include <string>

@@ -42,25 +42,38 @@ void FileFetcher::ResetCounters() {
     bytes_ = 0;
 }
 
+bool FileFetcher::Stopped() const {
+    return options_.stop != nullptr && options_.stop->load(std::memory_order_relaxed);
+}
+
+bool FileFetcher::Wait(double seconds) const {
+    constexpr double kStep = 0.05;
+    for (; seconds > 0; seconds -= kStep) {
+        if (Stopped()) return false;
+        std::this_thread::sleep_for(std::chrono::duration<double>(std::min(seconds, kStep)));
+    }
+    return !Stopped();
+}
+
 AERROR FileFetcher::Fetch(long long offset, long long length, std::shared_ptr<_FS_HANDLE> handle,
                           IFetchCallback* sink) {
     calls_.fetch_add(1);
-    if (options_.latencyMs > 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(options_.latencyMs));
+    if (options_.latencyMs > 0 && !Wait(static_cast<double>(options_.latencyMs) / 1000)) {
+        return AE_HANDLE_CLOSED;
     }
     const long long end = std::min(offset + length, size_);
     std::vector<char> piece;
     for (long long position = offset; position < end;) {
-        if (handle && handle->state > 3) return AE_HANDLE_CLOSED;
+        if ((handle && handle->state > 3) || Stopped()) return AE_HANDLE_CLOSED;
         const long long pieceEnd = std::min(end, (position / kPieceSize + 1) * kPieceSize);
         const size_t count = static_cast<size_t>(pieceEnd - position);
         piece.resize(count);
         if (pread(fd_, piece.data(), count, position) != static_cast<ssize_t>(count)) {
             return AE_READ_FAILED;
         }
-        if (options_.bytesPerSecond > 0) {
-            std::this_thread::sleep_for(std::chrono::duration<double>(static_cast<double>(count) /
-                                                                      options_.bytesPerSecond));
+        if (options_.bytesPerSecond > 0 &&
+            !Wait(static_cast<double>(count) / options_.bytesPerSecond)) {
+            return AE_HANDLE_CLOSED;
         }
         long written = 0;
         const AERROR result =

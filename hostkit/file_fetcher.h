@@ -20,6 +20,10 @@ struct FetcherOptions {
     long long latencyMs = 0;        // slept once per Fetch call
     double bytesPerSecond = 0;      // 0: unlimited
     long long hostHandle = 0x5eed;  // returned by GetHostHandle
+    // When set and true, Fetch gives up with AE_HANDLE_CLOSED: its waits
+    // end within 50 ms and no further piece is delivered. A signal handler
+    // may set it.
+    const std::atomic<bool>* stop = nullptr;
 };
 
 class FileFetcher final : public IFetch {
@@ -31,8 +35,8 @@ class FileFetcher final : public IFetch {
     virtual ~FileFetcher();
 
     // Delivers [offset, offset + length) clipped to the file. Returns the
-    // sink's first failure, AE_HANDLE_CLOSED when the handle is closed, or
-    // AE_READ_FAILED when the file cannot be read.
+    // sink's first failure, AE_HANDLE_CLOSED when the handle is closed or
+    // `stop` is set, or AE_READ_FAILED when the file cannot be read.
     AERROR Fetch(long long offset, long long length, std::shared_ptr<_FS_HANDLE> handle,
                  IFetchCallback* sink) override;
     long long GetHostHandle() override;
@@ -43,6 +47,10 @@ class FileFetcher final : public IFetch {
     void ResetCounters();
 
   private:
+    // Sleeps `seconds` in short steps; false as soon as `stop` is set.
+    bool Wait(double seconds) const;
+    bool Stopped() const;
+
     int fd_;
     long long size_;
     FetcherOptions options_;

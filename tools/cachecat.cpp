@@ -7,27 +7,34 @@
 // through one cache object per file, so the first pass shows a cold cache
 // and later passes a warm one.
 #include <fcntl.h>
-#include <stdlib.h>
+#include <getopt.h>
+#include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <climits>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "cache/cache.h"
 #include "hostkit/file_fetcher.h"
 #include "hostkit/line_logger.h"
 #include "hostkit/read_range.h"
+#include "hostkit/result_text.h"
 #include "hostkit/scratch.h"
 #include "hostkit/thread_pool_queue.h"
 
@@ -53,22 +60,28 @@ A warm pass that the cache serves entirely shows 0 fetch calls.
 Options:
   --cache-dir DIR   cache directory (made if missing; default: a new
                     directory under $TMPDIR or /tmp, removed at the end)
-  --limit BYTES     storage limit of the cache (default 1G; at least 64M)
+  --limit BYTES     storage limit of the cache, 64M to 1048576G (default 1G)
   --config JSON     configuration text for the cache, for example
                     '{"cache":{"read":{"timeout":5000}}}'
-  --read-size BYTES size of each read request (default 1M)
-  --passes N        number of passes over the files (default 1)
-  --latency-ms MS   latency of every remote request (default 20)
-  --bandwidth MBPS  remote bandwidth in MB/s, 0 for unlimited (default 200)
-  --threads N       threads of the fetch job queue (default 4)
+  --read-size BYTES size of each read request, 1 to 1G (default 1M)
+  --passes N        number of passes over the files, 1 to 1000 (default 1)
+  --latency-ms MS   latency of every remote request, 0 to 10000 (default 20)
+  --bandwidth MBPS  remote bandwidth in MB/s, 0.1 to 100000, or 0 for
+                    unlimited (default 200)
+  --threads N       threads of the fetch job queue, 1 to 256 (default 4)
   --verify          compare every byte read with the file itself
   --verbose         print the library's log lines on stderr
-  --help            show this text
+  -h, --help        show this text
+  --version         show the version
+  --                end of options: every later argument is a FILE
 
 BYTES accepts a suffix K, M or G (powers of 1024).
 A progress bar is drawn on stderr when it is a terminal.
-Exit status: 0 on success, 1 on a read error or a verify mismatch,
-2 on a usage error.
+FILE must be a regular file. SIGINT and SIGTERM stop the reads; the cache
+files and the default cache directory are removed before cachecat ends.
+Exit status: 0 on success, 1 on a read error, a verify mismatch or a file
+that cannot be read, 2 on a usage error; killed by the signal on SIGINT or
+SIGTERM.
 )";
 
 struct Options {
@@ -79,7 +92,7 @@ struct Options {
     int passes = 1;
     long long latencyMs = 20;
     double bandwidthMBps = 200;
-    int threads = 4;
+    long long threads = 4;
     bool verify = false;
     bool verbose = false;
     std::vector<std::string> files;
@@ -90,106 +103,220 @@ class UsageError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// A whole non-negative number, with an optional K, M or G suffix when
-// `withSuffix` is set.
-long long ParseNumber(const std::string& option, const std::string& text, bool withSuffix) {
-    size_t used = 0;
-    long long value = 0;
-    try {
-        value = std::stoll(text, &used);
-    } catch (const std::exception&) {
-        throw UsageError(option + " needs a number, not '" + text + "'");
-    }
-    std::string rest = text.substr(used);
-    if (withSuffix && rest.size() == 1) {
-        const int shift = rest == "K" || rest == "k"   ? 10
-                          : rest == "M" || rest == "m" ? 20
-                          : rest == "G" || rest == "g" ? 30
-                                                       : -1;
-        if (shift < 0 || value > (LLONG_MAX >> shift)) {
-            throw UsageError(option + " cannot take '" + text + "'");
-        }
+// The first SIGINT or SIGTERM, 0 before one arrives, and the fetchers'
+// stop flag. The handler only sets them: fetches give up, and the reads look
+// at the signal between requests and shut down in order.
+std::atomic<int> stopSignal{0};
+std::atomic<bool> stopFetches{false};
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
+              "set from a signal handler");
+
+void OnStopSignal(int signal) {
+    stopSignal.store(signal, std::memory_order_relaxed);
+    stopFetches.store(true, std::memory_order_relaxed);
+}
+
+bool Stopping() {
+    return stopSignal.load(std::memory_order_relaxed) != 0;
+}
+
+// A second signal ends the process at once (SA_RESETHAND); blocking calls
+// are interrupted rather than restarted.
+void CatchStopSignals() {
+    struct sigaction action {};
+    action.sa_handler = OnStopSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESETHAND;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+// A whole number from `min` to `max`, written in decimal digits only, with
+// an optional K, M or G suffix when `withSuffix` is set. `range` describes
+// the accepted values for the message.
+long long ParseWhole(const char* option, const char* text, bool withSuffix, long long min,
+                     long long max, const char* range) {
+    const auto refuse = [&]() -> long long {
+        throw UsageError(std::string(option) + " takes " + range + ", not '" + text + "'");
+    };
+    if (text[0] < '0' || text[0] > '9') return refuse();
+    errno = 0;
+    char* end = nullptr;
+    const unsigned long long digits = strtoull(text, &end, 10);
+    if (errno == ERANGE || digits > static_cast<unsigned long long>(max)) return refuse();
+    long long value = static_cast<long long>(digits);
+    if (withSuffix && *end != '\0' && end[1] == '\0') {
+        const int shift = strchr("Kk", *end)   ? 10
+                          : strchr("Mm", *end) ? 20
+                          : strchr("Gg", *end) ? 30
+                                               : -1;
+        if (shift < 0 || value > (max >> shift)) return refuse();
         value <<= shift;
-        rest.clear();
+        ++end;
     }
-    if (!rest.empty() || value < 0) {
-        throw UsageError(option + " needs a non-negative number, not '" + text + "'");
+    if (*end != '\0' || value < min) return refuse();
+    return value;
+}
+
+// 0 (unlimited) or a finite number of MB/s in the accepted range.
+double ParseBandwidth(const char* text) {
+    constexpr double kMin = 0.1;
+    constexpr double kMax = 100000;
+    char* end = nullptr;
+    errno = 0;
+    const double value = strtod(text, &end);
+    const bool number = end != text && *end == '\0' && errno == 0 && std::isfinite(value) &&
+                        strchr(" \t\n\v\f\r", text[0]) == nullptr;
+    if (!number || !(value == 0 || (value >= kMin && value <= kMax))) {
+        throw UsageError(
+            std::string("--bandwidth takes 0 (unlimited) or 0.1 to 100000 MB/s, not '") + text +
+            "'");
     }
     return value;
 }
 
-Options ParseOptions(int argc, char** argv) {
+enum LongOnly : int {
+    kCacheDir = 256,
+    kLimit,
+    kConfig,
+    kReadSize,
+    kPasses,
+    kLatency,
+    kBandwidth,
+    kThreads,
+    kVerify,
+    kVerbose,
+    kVersion
+};
+
+// Returns the options, or nullopt when --help or --version was answered.
+std::optional<Options> ParseOptions(int argc, char** argv) {
+    static const option kLongOptions[] = {
+        {"cache-dir", required_argument, nullptr, kCacheDir},
+        {"limit", required_argument, nullptr, kLimit},
+        {"config", required_argument, nullptr, kConfig},
+        {"read-size", required_argument, nullptr, kReadSize},
+        {"passes", required_argument, nullptr, kPasses},
+        {"latency-ms", required_argument, nullptr, kLatency},
+        {"bandwidth", required_argument, nullptr, kBandwidth},
+        {"threads", required_argument, nullptr, kThreads},
+        {"verify", no_argument, nullptr, kVerify},
+        {"verbose", no_argument, nullptr, kVerbose},
+        {"help", no_argument, nullptr, 'h'},
+        {"version", no_argument, nullptr, kVersion},
+        {nullptr, 0, nullptr, 0},
+    };
     Options options;
-    for (int i = 1; i < argc; ++i) {
-        std::string argument = argv[i];
-        if (argument.rfind("--", 0) != 0) {
-            options.files.push_back(argument);
-            continue;
-        }
-        std::optional<std::string> attached;
-        if (const size_t equals = argument.find('='); equals != std::string::npos) {
-            attached = argument.substr(equals + 1);
-            argument.resize(equals);
-        }
-        auto value = [&]() -> std::string {
-            if (attached) return *attached;
-            if (i + 1 >= argc) throw UsageError(argument + " needs a value");
-            return argv[++i];
-        };
-        auto flag = [&]() {
-            if (attached) throw UsageError(argument + " takes no value");
-            return true;
-        };
-        if (argument == "--help" && flag()) {
-            fputs(kUsage, stdout);
-            exit(0);
-        } else if (argument == "--cache-dir") {
-            options.cacheDir = value();
-        } else if (argument == "--limit") {
-            options.limit = static_cast<unsigned long long>(ParseNumber(argument, value(), true));
-        } else if (argument == "--config") {
-            options.config = value();
-        } else if (argument == "--read-size") {
-            options.readSize = ParseNumber(argument, value(), true);
-            if (options.readSize == 0) throw UsageError("--read-size must be above 0");
-        } else if (argument == "--passes") {
-            options.passes = static_cast<int>(ParseNumber(argument, value(), false));
-            if (options.passes == 0) throw UsageError("--passes must be above 0");
-        } else if (argument == "--latency-ms") {
-            options.latencyMs = ParseNumber(argument, value(), false);
-        } else if (argument == "--bandwidth") {
-            const std::string text = value();
-            try {
-                size_t used = 0;
-                options.bandwidthMBps = std::stod(text, &used);
-                if (used != text.size() || options.bandwidthMBps < 0) throw std::exception();
-            } catch (const std::exception&) {
-                throw UsageError("--bandwidth needs a non-negative number, not '" + text + "'");
-            }
-        } else if (argument == "--threads") {
-            options.threads = static_cast<int>(ParseNumber(argument, value(), false));
-            if (options.threads == 0) throw UsageError("--threads must be above 0");
-        } else if (argument == "--verify") {
-            options.verify = flag();
-        } else if (argument == "--verbose") {
-            options.verbose = flag();
-        } else {
-            throw UsageError("unknown option " + argument);
+    opterr = 0;  // the messages below name the option and say what it takes
+    for (;;) {
+        const int code = getopt_long(argc, argv, ":h", kLongOptions, nullptr);
+        if (code == -1) break;
+        switch (code) {
+            case 'h':
+                fputs(kUsage, stdout);
+                return std::nullopt;
+            case kVersion:
+                printf("cachecat (cache) %s\n", CACHE_VERSION_STRING);
+                return std::nullopt;
+            case kCacheDir:
+                if (optarg[0] == '\0') throw UsageError("--cache-dir takes a directory, not ''");
+                options.cacheDir = optarg;
+                break;
+            case kLimit:
+                options.limit = static_cast<unsigned long long>(ParseWhole(
+                    "--limit", optarg, true, 64LL << 20, 1LL << 50, "a size from 64M to 1048576G"));
+                break;
+            case kConfig:
+                options.config = optarg;
+                break;
+            case kReadSize:
+                options.readSize =
+                    ParseWhole("--read-size", optarg, true, 1, 1LL << 30, "a size from 1 to 1G");
+                break;
+            case kPasses:
+                options.passes = static_cast<int>(ParseWhole("--passes", optarg, false, 1, 1000,
+                                                             "a whole number from 1 to 1000"));
+                break;
+            case kLatency:
+                options.latencyMs = ParseWhole("--latency-ms", optarg, false, 0, 10000,
+                                               "a whole number of ms from 0 to 10000");
+                break;
+            case kBandwidth:
+                options.bandwidthMBps = ParseBandwidth(optarg);
+                break;
+            case kThreads:
+                options.threads =
+                    ParseWhole("--threads", optarg, false, 1, 256, "a whole number from 1 to 256");
+                break;
+            case kVerify:
+                options.verify = true;
+                break;
+            case kVerbose:
+                options.verbose = true;
+                break;
+            case ':':
+                throw UsageError(std::string("option '") + argv[optind - 1] + "' needs a value");
+            default:
+                if (optopt >= kCacheDir) {
+                    throw UsageError(std::string("option '") + argv[optind - 1] +
+                                     "' takes no value");
+                }
+                if (optopt != 0)
+                    throw UsageError(std::string("unknown option '-") + static_cast<char>(optopt) +
+                                     "'");
+                throw UsageError(std::string("unknown or ambiguous option '") + argv[optind - 1] +
+                                 "'");
         }
     }
+    for (int i = optind; i < argc; ++i) options.files.emplace_back(argv[i]);
     if (options.files.empty()) throw UsageError("no file to read");
     return options;
 }
 
-// One file read through the cache: its fetcher, its cache object and a
-// descriptor of the file itself for verifying.
+// One file read through the cache: the file itself (for checking it and
+// verifying), its fetcher and its cache object.
 struct Remote {
     std::string path;
+    int sourceFd = -1;
     std::unique_ptr<hostkit::FileFetcher> fetcher;
     std::shared_ptr<ICacheObj> object;
     std::shared_ptr<_FS_HANDLE> handle;
-    int sourceFd = -1;
+
+    Remote() = default;
+    Remote(const Remote&) = delete;
+    Remote& operator=(const Remote&) = delete;
+    Remote(Remote&& other) noexcept
+        : path(std::move(other.path)),
+          sourceFd(std::exchange(other.sourceFd, -1)),
+          fetcher(std::move(other.fetcher)),
+          object(std::move(other.object)),
+          handle(std::move(other.handle)) {}
+    ~Remote() {
+        if (sourceFd >= 0) close(sourceFd);
+    }
 };
+
+// Opens every file without blocking (a FIFO would wait for a writer) and
+// refuses what is not a regular file. Prints the reason and returns false
+// when a file is unfit.
+bool OpenSources(const std::vector<std::string>& paths, std::vector<Remote>& remotes) {
+    for (const std::string& path : paths) {
+        Remote remote;
+        remote.path = path;
+        remote.sourceFd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+        struct stat st;
+        if (remote.sourceFd < 0 || fstat(remote.sourceFd, &st) != 0) {
+            fprintf(stderr, "cachecat: %s: cannot open: %s\n", path.c_str(), strerror(errno));
+            return false;
+        }
+        if (!S_ISREG(st.st_mode)) {
+            fprintf(stderr, "cachecat: %s: not a regular file\n", path.c_str());
+            return false;
+        }
+        remotes.push_back(std::move(remote));
+    }
+    return true;
+}
 
 // Draws "pass N [#####.....] P%" on stderr when it is a terminal.
 class Progress {
@@ -220,46 +347,51 @@ class Progress {
     int shown_ = -1;
 };
 
+enum class PassEnd { kDone, kFailed, kStopped };
+
 struct PassResult {
     long long bytes = 0;
-    bool failed = false;
+    PassEnd end = PassEnd::kDone;
 };
 
-// Reads `remote` from start to end in requests of `readSize` bytes.
+// Reads `remote` from start to end in requests of `readSize` bytes, until
+// the end, a failure or a stop signal.
 PassResult ReadThrough(Remote& remote, const Options& options, int pass, Progress& progress,
                        long long doneBefore, long long totalBytes) {
     PassResult result;
     const long long size = remote.fetcher->Size();
-    std::vector<char> expected(options.verify ? static_cast<size_t>(options.readSize) : 0);
+    std::vector<char> expected(
+        options.verify ? static_cast<size_t>(std::min(options.readSize, size)) : 0);
+    const auto fail = [&](const char* format, auto... args) {
+        progress.Clear();
+        fprintf(stderr, format, remote.path.c_str(), args...);
+        result.end = PassEnd::kFailed;
+        return result;
+    };
     for (long long offset = 0; offset < size; offset += options.readSize) {
+        // Never past the end of the file: such a read fails.
         const long long length = std::min(options.readSize, size - offset);
         const hostkit::ReadResult got = hostkit::ReadRange(*remote.object, remote.fetcher.get(),
                                                            size, offset, length, 0, remote.handle);
-        if (got.error != AE_OK || got.transferred != length) {
-            progress.Clear();
-            fprintf(
-                stderr, "cachecat: %s: read of %lld bytes at %lld failed: error %d, %lld bytes\n",
-                remote.path.c_str(), length, offset, static_cast<int>(got.error), got.transferred);
-            result.failed = true;
+        if (Stopping()) {  // the read may have failed because its fetch gave up
+            result.end = PassEnd::kStopped;
             return result;
+        }
+        if (got.error != AE_OK || got.transferred != length) {
+            return fail("cachecat: %s: read of %lld bytes at %lld failed after %lld bytes: %s\n",
+                        length, offset, got.transferred,
+                        hostkit::DescribeResult(got.error).c_str());
         }
         if (options.verify) {
             const ssize_t fromFile = pread(remote.sourceFd, expected.data(),
                                            static_cast<size_t>(length), static_cast<off_t>(offset));
             if (fromFile < 0) {
-                progress.Clear();
-                fprintf(stderr, "cachecat: %s: cannot read the file to verify: %s\n",
-                        remote.path.c_str(), strerror(errno));
-                result.failed = true;
-                return result;
+                return fail("cachecat: %s: cannot read the file to verify: %s\n", strerror(errno));
             }
             if (fromFile != static_cast<ssize_t>(length) ||
                 memcmp(expected.data(), got.bytes.data(), static_cast<size_t>(length)) != 0) {
-                progress.Clear();
-                fprintf(stderr, "cachecat: %s: bytes at %lld..%lld differ from the file\n",
-                        remote.path.c_str(), offset, offset + length);
-                result.failed = true;
-                return result;
+                return fail("cachecat: %s: bytes at %lld..%lld differ from the file\n", offset,
+                            offset + length);
             }
         }
         result.bytes += length;
@@ -268,7 +400,77 @@ PassResult ReadThrough(Remote& remote, const Options& options, int pass, Progres
     return result;
 }
 
+// Opens a cache object for every file and reads them all, pass after pass.
+// Returns the exit status.
+int ReadPasses(ICache& cache, const std::string& directory, hostkit::ThreadPoolQueue& queue,
+               const Options& options, std::vector<Remote>& remotes) {
+    hostkit::FetcherOptions fetcherOptions;
+    fetcherOptions.latencyMs = options.latencyMs;
+    fetcherOptions.bytesPerSecond = options.bandwidthMBps * 1e6;
+    fetcherOptions.stop = &stopFetches;
+    long long totalBytes = 0;
+    for (Remote& remote : remotes) {
+        remote.fetcher = std::make_unique<hostkit::FileFetcher>(remote.path, fetcherOptions);
+        try {
+            remote.object =
+                cache.Open(remote.path.c_str(), 'r', remote.fetcher->Size(), remote.fetcher.get());
+        } catch (AERROR error) {
+            fprintf(stderr, "cachecat: %s: cannot open a cache object: %s\n", remote.path.c_str(),
+                    hostkit::DescribeResult(error).c_str());
+            return 1;
+        }
+        if (!remote.object) {
+            fprintf(stderr, "cachecat: %s: cannot open a cache object\n", remote.path.c_str());
+            return 1;
+        }
+        remote.handle = hostkit::OpenHandle(remote.fetcher->GetHostHandle());
+        totalBytes += remote.fetcher->Size();
+    }
+
+    printf("cache %s, storage limit %lld bytes\n", directory.c_str(), cache.GetLimit());
+    printf("remote: %lld ms latency, %g MB/s, %lld queue thread(s); reads of %lld bytes\n",
+           options.latencyMs, options.bandwidthMBps, options.threads, options.readSize);
+    printf("%4s %14s %9s %9s %12s %14s\n", "pass", "bytes", "seconds", "MB/s", "fetch calls",
+           "bytes fetched");
+    fflush(stdout);
+    Progress progress;
+    for (int pass = 1; pass <= options.passes; ++pass) {
+        for (Remote& remote : remotes) remote.fetcher->ResetCounters();
+        const auto start = std::chrono::steady_clock::now();
+        long long bytes = 0;
+        for (Remote& remote : remotes) {
+            const PassResult result =
+                ReadThrough(remote, options, pass, progress, bytes, totalBytes);
+            bytes += result.bytes;
+            if (result.end == PassEnd::kStopped) progress.Clear();
+            if (result.end != PassEnd::kDone) return 1;
+        }
+        // Read-ahead may still be fetching; count it with this pass.
+        queue.WaitIdle();
+        const double seconds =
+            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        progress.Clear();
+        long long calls = 0;
+        long long fetched = 0;
+        for (const Remote& remote : remotes) {
+            calls += remote.fetcher->Calls();
+            fetched += remote.fetcher->BytesDelivered();
+        }
+        printf("%4d %14lld %9.3f %9.1f %12lld %14lld\n", pass, bytes, seconds,
+               seconds > 0 ? static_cast<double>(bytes) / seconds / 1e6 : 0.0, calls, fetched);
+        fflush(stdout);
+    }
+    if (options.verify) printf("verify: every byte matches\n");
+    const hostkit::DirectoryUsage usage = hostkit::UsageOf(directory);
+    printf("cache directory %s holds %d file(s), %lld bytes\n", directory.c_str(), usage.files,
+           usage.bytes);
+    return 0;
+}
+
 int Run(const Options& options) {
+    std::vector<Remote> remotes;
+    if (!OpenSources(options.files, remotes)) return 1;
+
     std::string directory = options.cacheDir;
     std::optional<hostkit::ScratchDir> scratch;  // removed last, with everything in it
     if (directory.empty()) {
@@ -287,102 +489,41 @@ int Run(const Options& options) {
         logger = std::make_unique<hostkit::LineLogger>(stderr, false);
         Cache_BindLogger(logger.get());
     }
-    auto queue = std::make_unique<hostkit::ThreadPoolQueue>(options.threads);
+    auto queue = std::make_unique<hostkit::ThreadPoolQueue>(static_cast<int>(options.threads));
     Cache_BindAsyncQ(queue.get());
 
     int status = 0;
     ICache* cache = nullptr;
     const AERROR initError = InitCache(directory.c_str(), options.limit, &cache);
-    std::vector<Remote> remotes;
-    if (initError != AE_OK || cache == nullptr) {
-        fprintf(stderr, "cachecat: cannot create the cache in %s: error %d\n", directory.c_str(),
-                static_cast<int>(initError));
+    if (initError != AE_OK) {
+        fprintf(stderr, "cachecat: cannot create the cache in %s: %s\n", directory.c_str(),
+                hostkit::DescribeResult(initError).c_str());
         status = 1;
-    } else if (options.config && cache->SetConfiguration(options.config->c_str()) != AE_OK) {
-        fprintf(stderr, "cachecat: the configuration is not valid JSON\n");
-        status = 2;
+    } else if (cache == nullptr) {
+        // An earlier failed InitCache of this path left an empty entry.
+        fprintf(stderr, "cachecat: the library holds no cache for %s\n", directory.c_str());
+        status = 1;
+    } else if (options.config) {
+        if (const AERROR error = cache->SetConfiguration(options.config->c_str()); error != AE_OK) {
+            fprintf(stderr, "cachecat: --config: %s\n", hostkit::DescribeResult(error).c_str());
+            status = 2;
+        }
     }
-
-    hostkit::FetcherOptions fetcherOptions;
-    fetcherOptions.latencyMs = options.latencyMs;
-    fetcherOptions.bytesPerSecond = options.bandwidthMBps * 1e6;
-    long long totalBytes = 0;
-    for (size_t i = 0; status == 0 && i < options.files.size(); ++i) {
-        Remote remote;
-        remote.path = options.files[i];
+    if (status == 0) {
         try {
-            remote.fetcher = std::make_unique<hostkit::FileFetcher>(remote.path, fetcherOptions);
-            remote.object =
-                cache->Open(remote.path.c_str(), 'r', remote.fetcher->Size(), remote.fetcher.get());
+            status = ReadPasses(*cache, directory, *queue, options, remotes);
         } catch (const std::exception& error) {
             fprintf(stderr, "cachecat: %s\n", error.what());
             status = 1;
-        } catch (AERROR error) {
-            fprintf(stderr, "cachecat: %s: cannot open a cache object: error %d\n",
-                    remote.path.c_str(), static_cast<int>(error));
-            status = 1;
-        }
-        if (status != 0) break;
-        if (!remote.object) {
-            fprintf(stderr, "cachecat: %s: cannot open a cache object\n", remote.path.c_str());
-            status = 1;
-            break;
-        }
-        remote.handle = hostkit::OpenHandle(remote.fetcher->GetHostHandle());
-        totalBytes += remote.fetcher->Size();
-        remotes.push_back(std::move(remote));
-        if (!options.verify) continue;
-        remotes.back().sourceFd = open(remotes.back().path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (remotes.back().sourceFd < 0) {
-            fprintf(stderr, "cachecat: %s: cannot open the file to verify: %s\n",
-                    remotes.back().path.c_str(), strerror(errno));
-            status = 1;
         }
     }
 
-    if (status == 0) {
-        printf("cache %s, storage limit %lld bytes\n", directory.c_str(), cache->GetLimit());
-        printf("remote: %lld ms latency, %g MB/s, %d queue thread(s); reads of %lld bytes\n",
-               options.latencyMs, options.bandwidthMBps, options.threads, options.readSize);
-        printf("%4s %14s %9s %9s %12s %14s\n", "pass", "bytes", "seconds", "MB/s", "fetch calls",
-               "bytes fetched");
-        Progress progress;
-        for (int pass = 1; pass <= options.passes && status == 0; ++pass) {
-            for (Remote& remote : remotes) remote.fetcher->ResetCounters();
-            const auto start = std::chrono::steady_clock::now();
-            long long bytes = 0;
-            for (Remote& remote : remotes) {
-                const PassResult result =
-                    ReadThrough(remote, options, pass, progress, bytes, totalBytes);
-                bytes += result.bytes;
-                if (result.failed) status = 1;
-            }
-            // Read-ahead may still be fetching; count it with this pass.
-            queue->WaitIdle();
-            const double seconds =
-                std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-            progress.Clear();
-            long long calls = 0;
-            long long fetched = 0;
-            for (const Remote& remote : remotes) {
-                calls += remote.fetcher->Calls();
-                fetched += remote.fetcher->BytesDelivered();
-            }
-            printf("%4d %14lld %9.3f %9.1f %12lld %14lld\n", pass, bytes, seconds,
-                   seconds > 0 ? static_cast<double>(bytes) / seconds / 1e6 : 0.0, calls, fetched);
-            fflush(stdout);
-        }
-        if (status == 0 && options.verify) printf("verify: every byte matches\n");
-        const hostkit::DirectoryUsage usage = hostkit::UsageOf(directory);
-        printf("cache directory %s holds %d file(s), %lld bytes\n", directory.c_str(), usage.files,
-               usage.bytes);
-    }
-
+    // Closing an object deletes its cache file; jobs end before the queue.
     for (Remote& remote : remotes) {
+        if (!remote.object) continue;
         remote.object->Close();
         cache->Close(remote.path.c_str());
         remote.object.reset();
-        if (remote.sourceFd >= 0) close(remote.sourceFd);
     }
     ReleaseCache(directory.c_str());
     remotes.clear();
@@ -395,12 +536,29 @@ int Run(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options options;
+    CatchStopSignals();
+    int status = 0;
     try {
-        options = ParseOptions(argc, argv);
+        const std::optional<Options> options = ParseOptions(argc, argv);
+        if (!options) return 0;
+        status = Run(*options);
     } catch (const UsageError& error) {
-        fprintf(stderr, "cachecat: %s\n\n%s", error.what(), kUsage);
+        fprintf(stderr, "cachecat: %s\nTry 'cachecat --help' for more information.\n",
+                error.what());
         return 2;
+    } catch (const std::bad_alloc&) {
+        fprintf(stderr, "cachecat: out of memory\n");
+        return 1;
+    } catch (const std::exception& error) {
+        fprintf(stderr, "cachecat: %s\n", error.what());
+        return 1;
     }
-    return Run(options);
+    if (const int signal = stopSignal.load(); signal != 0) {
+        // Everything is cleaned up: end the way the signal ends a process.
+        fflush(stdout);
+        fprintf(stderr, "cachecat: stopped by %s\n", strsignal(signal));
+        ::signal(signal, SIG_DFL);
+        raise(signal);
+    }
+    return status;
 }
