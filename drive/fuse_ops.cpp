@@ -148,8 +148,8 @@ void Open(fuse_req_t req, fuse_ino_t inode, fuse_file_info* fi) {
     }
 }
 
-// Marks the read's handle record closed so that the library's wait and the
-// fetch behind it end.
+// Marks the read's own handle record closed so that the library's wait and
+// the fetches it started end.
 void OnInterrupt(fuse_req_t, void* data) {
     std::atomic_ref<int32_t>(static_cast<_FS_HANDLE*>(data)->state)
         .store(4, std::memory_order_relaxed);
@@ -168,22 +168,26 @@ void Read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info*
     thread_local std::vector<char> buffer;
     if (buffer.size() < static_cast<size_t>(length)) buffer.resize(length);
 
+    // Every read carries a record of its own. The fetch jobs a read starts
+    // (read-ahead among them) keep its record and stop when it is closed,
+    // leaving what they had reserved to the readers' time-outs; so only an
+    // interrupt of this very read closes it, never the release of the open
+    // or an interrupt of another read.
+    auto record = std::make_shared<_FS_HANDLE>(*handle->record);
     _READDATA request{};
     request.buffer = buffer.data();
     request.offset = offset;
     request.length = length;
-    request.handle = handle->record;
+    request.handle = record;
     request.fileSize = file.info.size;
     request.fetch = file.fetcher.get();
 
-    fuse_req_interrupt_func(req, OnInterrupt, handle->record.get());
+    fuse_req_interrupt_func(req, OnInterrupt, record.get());
     const long long fetchesBefore = file.fetcher->Calls();
     const AERROR result = file.object->Read(&request);
     const bool interrupted = fuse_req_interrupted(req) != 0;
     fuse_req_interrupt_func(req, nullptr, nullptr);
     if (interrupted) {
-        // The open lives on: later reads of it must not find it closed.
-        std::atomic_ref<int32_t>(handle->record->state).store(1, std::memory_order_relaxed);
         Stats::Add(context.stats->readErrors, 1);
         fuse_reply_err(req, EINTR);
         return;

@@ -1,16 +1,13 @@
 #include "drive/open_files.h"
 
-#include <atomic>
 #include <cerrno>
 
 namespace drive {
 
 namespace {
 
-// States of a handle record: open, and closed (above 3, which the library
-// and the fetcher watch).
+// The state of an open handle record (above 3 would mean closed).
 constexpr int32_t kRecordOpen = 1;
-constexpr int32_t kRecordClosed = 4;
 
 }  // namespace
 
@@ -71,7 +68,6 @@ int OpenFiles::Open(const NodeInfo& info, std::unique_ptr<OpenHandle>* opened, b
 }
 
 void OpenFiles::Release(std::unique_ptr<OpenHandle> handle) {
-    std::atomic_ref<int32_t>(handle->record->state).store(kRecordClosed, std::memory_order_relaxed);
     std::lock_guard<std::mutex> guard(lock_);
     const std::shared_ptr<CachedFile>& file = handle->file;
     if (--file->openers > 0) return;

@@ -32,7 +32,8 @@ struct CachedFile {
     int openers = 0;  // GUARDED_BY(OpenFiles::lock_)
 };
 
-// One open of a file by the kernel, with its own handle record.
+// One open of a file by the kernel. Its handle record is the pattern each
+// read copies into a record of its own (see the read operation).
 struct OpenHandle {
     std::shared_ptr<CachedFile> file;
     std::shared_ptr<_FS_HANDLE> record;
@@ -54,8 +55,7 @@ class OpenFiles {
     // previous open of the file saw the same version (the kernel may then
     // keep its cached pages). Returns 0 or an errno value.
     int Open(const NodeInfo& info, std::unique_ptr<OpenHandle>* opened, bool* unchanged);
-    // Ends an open: its record is marked closed, so reads still waiting on
-    // it give up.
+    // Ends an open. The kernel sends it once no read of the open is running.
     void Release(std::unique_ptr<OpenHandle> handle);
 
   private:
