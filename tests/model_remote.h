@@ -90,8 +90,10 @@ class ModelRemote final : public IFetch {
             if (handle && std::atomic_ref<int32_t>(handle->state).load() > 3) {
                 return AE_HANDLE_CLOSED;
             }
+            const long long unaligned = pieceBytes_.load(std::memory_order_relaxed);
             const long long pieceEnd =
-                std::min(end, (position / kSector + pieceSectors_) * kSector);
+                unaligned > 0 ? std::min(end, position + unaligned)
+                              : std::min(end, (position / kSector + pieceSectors_) * kSector);
             long written = 0;
             const AERROR result =
                 sink->FetchWrite(position, bytes->data() + position,
@@ -118,6 +120,11 @@ class ModelRemote final : public IFetch {
     // Every later call delivers nothing at or past `offset` and still
     // answers 0, as a remote that dropped the connection early; -1 ends it.
     void StopDeliveringAt(long long offset) { stopAt_.store(offset, std::memory_order_relaxed); }
+    // Later calls deliver pieces of `bytes` each, whatever sectors they
+    // start in, as a fetcher that breaks the piece rule; 0 restores it.
+    void SetUnalignedPieces(long long bytes) {
+        pieceBytes_.store(bytes, std::memory_order_relaxed);
+    }
     // Later calls wait (10 s at most) until Release.
     void Stall() {
         std::lock_guard<std::mutex> guard(lock_);
@@ -153,6 +160,7 @@ class ModelRemote final : public IFetch {
     const long long latencyMs_;
     std::atomic<bool> failing_{false};
     std::atomic<long long> stopAt_{-1};
+    std::atomic<long long> pieceBytes_{0};
     std::atomic<long long> calls_{0};
 };
 
