@@ -51,7 +51,8 @@ class WarmCache {
         const std::string remote = directory_ + "/remote.bin";
         plain_ = open(remote.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600);
         config_ = std::make_shared<cache::CacheSettings>(1LL << 40);
-        store_ = std::make_unique<ReadonlyCache>(directory_ + "/", "remote.bin", size_, config_);
+        store_ = std::make_unique<ReadonlyCache>(cache::CacheDirectory::Open(directory_ + "/"),
+                                                 "remote.bin", size_, config_);
         // Both files get the same bytes in the same 64 KiB pieces at the same
         // time, so that their page-cache layouts match and the comparison
         // measures the store, not where the kernel put the pages.
@@ -153,7 +154,7 @@ BENCHMARK(BM_RandomCache4K);
 // contiguous, as fetches leave it, and in the worst case for the index,
 // every other sector (one run per sector).
 void SectorMapHeap(benchmark::State& state, bool fragmented) {
-    const std::string directory = WarmCache::Get().directory() + "/";
+    const auto directory = cache::CacheDirectory::Open(WarmCache::Get().directory() + "/");
     auto config = std::make_shared<cache::CacheSettings>(1LL << 40);
     const long long sectors = 16384;
     const std::vector<char> data(static_cast<size_t>(kSectorSize), 'x');

@@ -58,8 +58,11 @@ bool CreateDirectory(const char* path, void* /*attributes*/) {
 }
 
 Cache::Cache(const char* path, unsigned long long limit)
-    : settings(std::make_shared<CacheSettings>(std::max(ClampLimit(limit), kMinimumLimit))),
-      directory(MakeDirectories(path)) {
+    : settings(
+          std::make_shared<CacheSettings>(std::max(static_cast<long long>(limit), kMinimumLimit))),
+      directory(MakeDirectories(path)),
+      directoryHandle(CacheDirectory::Open(directory)) {
+    if (!directoryHandle) throw AE_CREATE_DIRECTORY_FAILED;
     usedBytes.store(0);
     AdjustLimit();
     LogText(LL_INFO | LL_CACHE, "Cache initialized : " + directory +
@@ -117,7 +120,8 @@ std::shared_ptr<ICacheObj> Cache::Open(const char* name, char mode, long long fi
     std::shared_ptr<CacheObj>& entry = table[key];
     static const std::regex backslash("\\\\");
     const std::string baseName = split(key, backslash).back();
-    entry = std::make_shared<CacheObj>(directory, baseName, mode, fileSize, fetch, settings, key);
+    entry =
+        std::make_shared<CacheObj>(directoryHandle, baseName, mode, fileSize, fetch, settings, key);
     return entry;
 }
 

@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "cache/cache.h"
+#include "cache/cache_directory.h"
 #include "cache/cache_settings.h"
 #include "common/config.h"
 
@@ -49,10 +50,12 @@ bool CreateDirectory(const char* path, void* attributes);
 class Cache : public ICache, public ICacheConfig {
   public:
     // Creates every directory of `path` (a relative path is taken from the
-    // root), raises `limit` to at least 64 MiB and fits it to the disk,
-    // registers and applies the configuration defaults and starts the quota
-    // thread. Throws AE_CREATE_DIRECTORY_FAILED when a directory cannot be
-    // made (also for an empty path); a failure to start the thread is the
+    // root) and holds the last one open, takes `limit` as a signed count
+    // (so ~0ULL is -1), raises it to at least 64 MiB and fits it to the
+    // disk, registers and applies the configuration defaults and starts the
+    // quota thread. Throws AE_CREATE_DIRECTORY_FAILED when a directory
+    // cannot be made or opened (also for an empty path, and when the last
+    // component is a symbolic link); a failure to start the thread is the
     // platform's exception.
     Cache(const char* path, unsigned long long limit);
     Cache(const Cache&) = delete;
@@ -62,9 +65,11 @@ class Cache : public ICache, public ICacheConfig {
     long long GetLimit() override;
     // Always 0.
     long long GetUsedBytes() override;
-    // AE_LIMIT_TOO_SMALL below 64 MiB, with the limit unchanged; otherwise
-    // stores the limit (at most the largest signed value), fits it to the
-    // disk and returns 0.
+    // AE_LIMIT_TOO_SMALL below 64 MiB (compared unsigned), with the limit
+    // unchanged; otherwise stores the limit as a signed count, fits it to
+    // the disk and returns 0. Values beyond the largest signed one are
+    // stored negative (~0ULL as -1): such a cache counts as always over its
+    // limit.
     AERROR SetLimit(unsigned long long limit) override;
     // The object of `name` (exact text), created with `mode`, `fileSize` and
     // `fetch` when the name is not open yet; for an open name those are
@@ -102,9 +107,6 @@ class Cache : public ICache, public ICacheConfig {
     static void LogText(LOGLEVEL level, const std::string& text);
     // Makes every directory of `path` and returns the normalised text.
     static std::string MakeDirectories(const std::string& path);
-    // A limit the host passed, as the signed byte count the cache keeps:
-    // anything beyond the largest signed value becomes that value.
-    static long long ClampLimit(unsigned long long limit);
     // Lowers the limit to half the free space when it does not fit.
     void AdjustLimit();
     // Refreshes the applied record from the configuration store.
@@ -123,6 +125,9 @@ class Cache : public ICache, public ICacheConfig {
     // stores hold their own references.
     const std::shared_ptr<CacheSettings> settings;
     std::string directory;  // absolute, beginning and ending with '/'
+    // The directory held open; every store creates and deletes its file
+    // through it, and keeps it as long as it lives.
+    const std::shared_ptr<const CacheDirectory> directoryHandle;
     std::atomic<long long> usedBytes{0};
 
     std::mutex tableLock;  // guards table

@@ -7,9 +7,10 @@
 
 namespace cache {
 
-CacheObj::CacheObj(std::string cacheDir, std::string name, char mode, long long fileSize,
-                   IFetch* fetch, std::shared_ptr<ICacheConfig> config, std::string hashIndex)
-    : cacheDir(std::move(cacheDir)), name(std::move(name)), config(std::move(config)) {
+CacheObj::CacheObj(std::shared_ptr<const CacheDirectory> directory, std::string name, char mode,
+                   long long fileSize, IFetch* fetch, std::shared_ptr<ICacheConfig> config,
+                   std::string hashIndex)
+    : directory(std::move(directory)), name(std::move(name)), config(std::move(config)) {
     hashIndexTexts.push_back(std::move(hashIndex));
     this->hashIndex.store(hashIndexTexts.back().c_str(), std::memory_order_release);
     if (mode != 'r' && mode != 'w') throw AE_INVALID_MODE;
@@ -22,8 +23,8 @@ CacheObj::~CacheObj() {
 
 std::shared_ptr<ICacheFile> CacheObj::CreateStore(char mode, long long fileSize,
                                                   IFetch* fetch) const {
-    if (mode == 'r') return std::make_shared<ReadonlyCache>(cacheDir, name, fileSize, config);
-    return std::make_shared<WritableCache>(cacheDir, name, fileSize, fetch, config);
+    if (mode == 'r') return std::make_shared<ReadonlyCache>(directory, name, fileSize, config);
+    return std::make_shared<WritableCache>(directory, name, fileSize, fetch, config);
 }
 
 std::shared_ptr<ICacheFile> CacheObj::CurrentStore() {

@@ -23,19 +23,21 @@
 #include <string>
 
 #include "cache/cache.h"
+#include "cache/cache_directory.h"
 
 namespace cache {
 
 class CacheObj : public ICacheObj {
   public:
-    // Builds the first store for remote file `name` in `cacheDir` (which ends
-    // with a separator): mode 'r' a ReadonlyCache, 'w' a WritableCache filled
-    // through `fetch` (which is not kept). Throws AE_INVALID_MODE for any
-    // other mode; a store's own AERROR passes through unchanged. `config` is
-    // shared with every store this object creates. `hashIndex` is an opaque
-    // text the manager attaches to the object.
-    CacheObj(std::string cacheDir, std::string name, char mode, long long fileSize, IFetch* fetch,
-             std::shared_ptr<ICacheConfig> config, std::string hashIndex);
+    // Builds the first store for remote file `name` in `directory`, which
+    // this object and its stores keep open: mode 'r' a ReadonlyCache, 'w' a
+    // WritableCache filled through `fetch` (which is not kept). Throws
+    // AE_INVALID_MODE for any other mode; a store's own AERROR passes through unchanged. `config`
+    // is shared with every store this object creates. `hashIndex` is an opaque text the manager
+    // attaches to the object.
+    CacheObj(std::shared_ptr<const CacheDirectory> directory, std::string name, char mode,
+             long long fileSize, IFetch* fetch, std::shared_ptr<ICacheConfig> config,
+             std::string hashIndex);
     CacheObj(const CacheObj&) = delete;
     CacheObj& operator=(const CacheObj&) = delete;
 
@@ -95,7 +97,7 @@ class CacheObj : public ICacheObj {
     // The current store, or null. Takes `lock` to copy it.
     std::shared_ptr<ICacheFile> CurrentStore();
 
-    const std::string cacheDir;
+    const std::shared_ptr<const CacheDirectory> directory;
     const std::string name;
     const std::shared_ptr<ICacheConfig> config;
 

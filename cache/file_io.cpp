@@ -1,14 +1,9 @@
 #include "cache/file_io.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <regex>
-#include <vector>
-
-#include "common/utils.h"
 
 namespace cache {
 
@@ -63,59 +58,6 @@ long long StreamSize(FILE* stream) {
     struct stat st;
     if (fstat(fileno(stream), &st) != 0) return 0;
     return st.st_size;
-}
-
-namespace {
-
-// The remote name and display name of `name`, and the first free cache file
-// name for it in `cacheDir`.
-CacheFileName NameCacheFile(const std::string& cacheDir, const std::string& name) {
-    static const std::regex colon(":");
-    static const std::regex dot("\\.");
-    CacheFileName result;
-    const std::vector<std::string> parts = split(name, colon);
-    result.displayName = parts.size() > 1 ? parts[1] : name;
-
-    std::string fileName = result.displayName;
-    for (char& c : fileName) {
-        if (c == '/') c = '_';
-    }
-    const std::vector<std::string> pieces = split(fileName, dot);
-    std::string base;
-    for (size_t i = 0; i + 1 < pieces.size(); ++i) {
-        if (i > 0) base += ".";
-        base += pieces[i];
-    }
-    const std::string extension = pieces.empty() ? std::string() : pieces.back();
-
-    std::string candidate = fileName;
-    for (long long n = 0; GetFileAttributes(cacheDir + candidate) != kAttrNone; ++n) {
-        candidate = base + "[" + std::to_string(n) + "]." + extension;
-    }
-    result.cachePath = cacheDir + candidate;
-    return result;
-}
-
-}  // namespace
-
-FILE* CreateCacheFile(const std::string& cacheDir, const std::string& name, CacheFileName* chosen) {
-    for (;;) {
-        *chosen = NameCacheFile(cacheDir, name);
-        const char* path = chosen->cachePath.c_str();
-        const int fd = open(path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-        if (fd >= 0) {
-            FILE* stream = fdopen(fd, "w+");
-            if (stream == nullptr) close(fd);
-            return stream;
-        }
-        // Lost the name to a store created at the same moment: its file is
-        // a regular one. Anything else at the path is refused.
-        const int error = errno;
-        if (error != EEXIST || GetFileAttributes(chosen->cachePath) != kAttrRegular) {
-            errno = error;
-            return nullptr;
-        }
-    }
 }
 
 }  // namespace cache

@@ -1,6 +1,6 @@
 // What the stores share about sectors and cache files: sector arithmetic
-// and the ranges a store accepts, the stream functions, positioned I/O on a
-// stream's descriptor, and the naming and private creation of cache files.
+// and the ranges a store accepts, the stream functions and positioned I/O on
+// a stream's descriptor.
 #ifndef CACHE_FILE_IO_H_
 #define CACHE_FILE_IO_H_
 
@@ -69,23 +69,6 @@ bool WriteAt(FILE* stream, long long position, const void* source, size_t count,
 // The size of the file behind `stream` without moving its position; 0 when
 // it cannot be determined.
 long long StreamSize(FILE* stream);
-
-// Where a store keeps its cache file and how it names itself in log lines.
-struct CacheFileName {
-    std::string displayName;  // the remote name after the ':' cut; printed as [%s]
-    std::string cachePath;    // cacheDir followed by the chosen file name
-};
-
-// Names and creates the cache file for remote `name` in `cacheDir` (which
-// ends with a separator) and fills *chosen. The name is the part after the
-// first ':' when there is one; the file is the first of name, base[0].ext,
-// base[1].ext, ... that does not exist, with every '/' turned into '_' so it
-// always lies inside `cacheDir`. The file is created exclusively, readable
-// and writable by the user only, and never through a symbolic link: what
-// already stands at the chosen path (a planted link, FIFO or file) is never
-// opened or truncated, and creation fails. When another store creates the
-// same file first, the next free name is taken. Null on failure (errno set).
-FILE* CreateCacheFile(const std::string& cacheDir, const std::string& name, CacheFileName* chosen);
 
 }  // namespace cache
 

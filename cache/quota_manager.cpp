@@ -1,9 +1,7 @@
 // The storage limit of a cache and its quota manager thread.
 #include <sys/vfs.h>
 
-#include <algorithm>
 #include <chrono>
-#include <climits>
 #include <string>
 
 #include "cache/bindings.h"
@@ -12,10 +10,6 @@
 #include "common/chrono.h"
 
 namespace cache {
-
-long long Cache::ClampLimit(unsigned long long limit) {
-    return static_cast<long long>(std::min<unsigned long long>(limit, LLONG_MAX));
-}
 
 long long Cache::GetLimit() {
     return settings->GetQuota();
@@ -48,7 +42,7 @@ AERROR Cache::SetLimit(unsigned long long limit) {
         __LOG__A(CurrentLogger(), LL_ERROR | LL_CACHE, "%s", text.c_str());
         return AE_LIMIT_TOO_SMALL;
     }
-    settings->SetQuota(ClampLimit(limit));
+    settings->SetQuota(static_cast<long long>(limit));
     AdjustLimit();
     const std::string text = "Storage limit changed : " + std::to_string(GetLimit()) + " bytes";
     __LOG__A(CurrentLogger(), LL_INFO | LL_CACHE, "%s", text.c_str());

@@ -84,15 +84,15 @@ std::optional<long long> SectorRuns::LastOfRun(long long key) const {
 
 // ---- Construction and the small operations ----
 
-ReadonlyCache::ReadonlyCache(const std::string& cacheDir, const std::string& name,
-                             long long fileSize, std::shared_ptr<ICacheConfig> config)
+ReadonlyCache::ReadonlyCache(std::shared_ptr<const CacheDirectory> directory,
+                             const std::string& name, long long fileSize,
+                             std::shared_ptr<ICacheConfig> config)
     : fileSize(fileSize), config(std::move(config)) {
     FillReadAheadSizes();
-    CacheFileName chosen;
-    file = CreateCacheFile(cacheDir, name, &chosen);
-    displayName.Set(std::move(chosen.displayName));
+    file = directory->CreateFile(name, &cacheFile);
+    displayName.Set(cacheFile.displayName);
     if (file == nullptr) throw AE_CREATE_FILE_FAILED;
-    cachePath = std::move(chosen.cachePath);
+    this->directory = std::move(directory);
     Log(LL_INFO, "[%s] Read only cache created");
 }
 
@@ -114,7 +114,7 @@ ReadonlyCache::ReadonlyCache(WritableCache* source, std::shared_ptr<ICacheConfig
 
 ReadonlyCache::~ReadonlyCache() {
     Close();
-    if (!cachePath.empty()) remove(cachePath.c_str());
+    if (directory) directory->RemoveFile(cacheFile);
 }
 
 void ReadonlyCache::FillReadAheadSizes() {

@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "cache/cache.h"
+#include "cache/cache_directory.h"
 #include "cache/display_name.h"
 #include "cache/file_io.h"
 
@@ -98,11 +99,11 @@ class SectorRuns {
 class ReadonlyCache : public ICacheFile, public IFetchCallback {
   public:
     // A fresh, empty store for remote `name` of `fileSize` bytes, with its
-    // cache file in `cacheDir` (which ends with a separator). Throws
+    // cache file in `directory`, which the store keeps until it ends. Throws
     // AE_CREATE_FILE_FAILED (3004) when the file cannot be created.
-    // REQUIRES: `config` is non-null.
-    ReadonlyCache(const std::string& cacheDir, const std::string& name, long long fileSize,
-                  std::shared_ptr<ICacheConfig> config);
+    // REQUIRES: `directory` and `config` are non-null.
+    ReadonlyCache(std::shared_ptr<const CacheDirectory> directory, const std::string& name,
+                  long long fileSize, std::shared_ptr<ICacheConfig> config);
     // Takes over the stream of a writable store, whose file holds the remote
     // file densely: every sector of the file's size at the hand-over becomes
     // present at its own offset. The file inherited this way is never deleted
@@ -150,8 +151,8 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // Takes no lock of the store; safe while other threads log.
     void ChangeFileName(std::string newName) override;
 
-    // Closes, then deletes the cache file (not one inherited from a
-    // writable store).
+    // Closes, then deletes the cache file this store created (not one
+    // inherited from a writable store, nor whatever replaced its entry).
     virtual ~ReadonlyCache();
 
     // Stores `size` fetched bytes for remote `offset`, sector by sector, in
@@ -297,7 +298,10 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // The remote file's name, printed in log lines; ChangeFileName replaces it.
     DisplayName displayName;
     FILE* file = nullptr;
-    std::string cachePath;  // empty for a file inherited from a writable store
+    // Where the cache file lives; null for a file inherited from a writable
+    // store, which this store never deletes.
+    std::shared_ptr<const CacheDirectory> directory;
+    CacheFileName cacheFile;
     std::map<long long, _SECTOR> sectors;
     SectorRuns runs;  // the runs of consecutive keys of `sectors`
     std::deque<long long> emptySlots;

@@ -12,18 +12,18 @@
 
 namespace cache {
 
-WritableCache::WritableCache(const std::string& cacheDir, const std::string& name,
-                             long long fileSize, IFetch*, std::shared_ptr<ICacheConfig> config)
+WritableCache::WritableCache(std::shared_ptr<const CacheDirectory> directory,
+                             const std::string& name, long long fileSize, IFetch*,
+                             std::shared_ptr<ICacheConfig> config)
     : config(std::move(config)) {
-    CacheFileName naming;
-    file = CreateCacheFile(cacheDir, name, &naming);
-    displayName.Set(std::move(naming.displayName));
+    file = directory->CreateFile(name, &cacheFile);
+    displayName.Set(cacheFile.displayName);
     if (file == nullptr) {
         const int error = errno;
         Log(LL_ERROR, "[%s] Create cache file failed : %s", strerror(error));
         throw AE_CREATE_FILE_FAILED;
     }
-    cachePath = std::move(naming.cachePath);
+    this->directory = std::move(directory);
     this->fileSize.store(fileSize, std::memory_order_relaxed);
     // A new store has fetched nothing yet. No other thread sees the store
     // before the constructor returns; the lock only satisfies the contract.
@@ -36,7 +36,7 @@ WritableCache::WritableCache(const std::string& cacheDir, const std::string& nam
 
 WritableCache::~WritableCache() {
     Close();
-    remove(cachePath.c_str());
+    directory->RemoveFile(cacheFile);
 }
 
 AERROR WritableCache::Read(_READDATA* request) {
@@ -54,7 +54,17 @@ AERROR WritableCache::Read(_READDATA* request) {
     if (request->fetch != nullptr) {
         std::lock_guard<std::mutex> guard(lock);
         std::deque<long long> wanted = MissingInNoLock(SectorOf(request->offset), end);
-        if (!wanted.empty()) FetchEmptySectors(wanted, request->fetch, request->handle);
+        // A sector that a failed fetch left missing holds none of the
+        // remote's bytes, and zeros or a short count would pass for them. A
+        // fetch that succeeds without delivering a sector means the remote
+        // ends before it; that part reads as the file holds it.
+        if (!wanted.empty() && !FetchEmptySectors(wanted, request->fetch, request->handle)) {
+            const std::deque<long long> left = MissingInNoLock(SectorOf(request->offset), end);
+            if (!left.empty()) {
+                Log(LL_ERROR, "[%s] Read failed : Sector %lld could not be fetched", left.front());
+                return AE_READ_NOT_SERVED;
+            }
+        }
     }
 
     size_t done = 0;
@@ -261,7 +271,7 @@ FILE* WritableCache::TakeStream(long long* size) {
     return taken;
 }
 
-void WritableCache::FetchEmptySectors(std::deque<long long>& sectors, IFetch* fetch,
+bool WritableCache::FetchEmptySectors(std::deque<long long>& sectors, IFetch* fetch,
                                       std::shared_ptr<_FS_HANDLE> handle) {
     std::map<long long, long long> runs;  // start -> length
     std::map<long long, long long> ends;  // end -> start, for the run ending at a sector
@@ -282,15 +292,20 @@ void WritableCache::FetchEmptySectors(std::deque<long long>& sectors, IFetch* fe
             ends.emplace(sector + kSectorSize, sector);
         }
     }
-    FetchRunsNoLock(runs, fetch, handle);
+    return FetchRunsNoLock(runs, fetch, handle);
 }
 
-void WritableCache::FetchRunsNoLock(const std::map<long long, long long>& runs, IFetch* fetch,
+bool WritableCache::FetchRunsNoLock(const std::map<long long, long long>& runs, IFetch* fetch,
                                     const std::shared_ptr<_FS_HANDLE>& handle) {
+    bool succeeded = true;
     for (const auto& [start, length] : runs) {
         // A failed run stays missing; the next one is fetched regardless.
-        SyncFetchForWritableCache(this, fetch, start, static_cast<long>(length), handle).Process();
+        const int failed =
+            SyncFetchForWritableCache(this, fetch, start, static_cast<long>(length), handle)
+                .Process();
+        succeeded = succeeded && failed == 0;
     }
+    return succeeded;
 }
 
 void WritableCache::AddMissingNoLock(long long first, long long end) {

@@ -25,24 +25,26 @@
 #include <string>
 
 #include "cache/cache.h"
+#include "cache/cache_directory.h"
 #include "cache/display_name.h"
 
 namespace cache {
 
 class WritableCache : public ICacheFile, public IFetchCallback {
   public:
-    // Creates the cache file in `cacheDir` (which ends with a separator) and
-    // lists every sector below `fileSize` as missing. Throws AE_CREATE_FILE_FAILED
-    // (3004) when the file cannot be created. `fetch` is not kept.
-    // REQUIRES: `config` is non-null.
-    WritableCache(const std::string& cacheDir, const std::string& name, long long fileSize,
-                  IFetch* fetch, std::shared_ptr<ICacheConfig> config);
+    // Creates the cache file in `directory`, which the store keeps until it
+    // ends, and lists every sector below `fileSize` as missing. Throws
+    // AE_CREATE_FILE_FAILED (3004) when the file cannot be created. `fetch`
+    // is not kept. REQUIRES: `directory` and `config` are non-null.
+    WritableCache(std::shared_ptr<const CacheDirectory> directory, const std::string& name,
+                  long long fileSize, IFetch* fetch, std::shared_ptr<ICacheConfig> config);
     WritableCache(const WritableCache&) = delete;
     WritableCache& operator=(const WritableCache&) = delete;
 
     // Fetches the missing sectors of the range first when the request has a
     // fetcher; without one, unfetched parts read as zero bytes and the count
-    // stops at the end of the cache file. 0, 3005 when closed, 3008 for an
+    // stops at the end of the cache file. 0, 3005 when closed, 8 when a
+    // fetch failed and left a sector of the range missing, 3008 for an
     // invalid request or a failing read.
     AERROR Read(_READDATA* request) override;
     // Fetches the partly covered, missing head and tail sectors first (when
@@ -80,7 +82,8 @@ class WritableCache : public ICacheFile, public IFetchCallback {
     // no lock of the store; safe while other threads log.
     void ChangeFileName(std::string newName) override;
 
-    // Deletes the cache file (also after the stream was taken over).
+    // Deletes the cache file this store created (also after the stream was
+    // taken over), unless something else has replaced its entry.
     virtual ~WritableCache();
 
     // The sink of fills: writes the piece at its own offset and unlists the
@@ -91,9 +94,9 @@ class WritableCache : public ICacheFile, public IFetchCallback {
 
     // Fetches the listed sectors, merged into runs in list order: a sector
     // extends the run that ends at it, or starts a run of its own. Repeated
-    // entries are fetched once. Failed runs stay missing. REQUIRES: `lock`
-    // held.
-    void FetchEmptySectors(std::deque<long long>& sectors, IFetch* fetch,
+    // entries are fetched once. Failed runs stay missing. True when every
+    // fetch succeeded. REQUIRES: `lock` held.
+    bool FetchEmptySectors(std::deque<long long>& sectors, IFetch* fetch,
                            std::shared_ptr<_FS_HANDLE> handle);
 
     // Hand-over to a ReadonlyCache built from this store: the stream leaves
@@ -126,14 +129,16 @@ class WritableCache : public ICacheFile, public IFetchCallback {
     // REQUIRES: `lock` held.
     std::deque<long long> MissingInNoLock(long long first, long long end) const;
     // Runs SyncFetchForWritableCache for each run (start -> length) in
-    // ascending order, regardless of failures. REQUIRES: `lock` held.
-    void FetchRunsNoLock(const std::map<long long, long long>& runs, IFetch* fetch,
+    // ascending order, regardless of failures; true when none failed.
+    // REQUIRES: `lock` held.
+    bool FetchRunsNoLock(const std::map<long long, long long>& runs, IFetch* fetch,
                          const std::shared_ptr<_FS_HANDLE>& handle);
     // Raises the recorded remote size to `size` if that is larger.
     void RaiseFileSize(long long size);
 
     DisplayName displayName;
-    std::string cachePath;
+    std::shared_ptr<const CacheDirectory> directory;
+    CacheFileName cacheFile;
     std::mutex lock;                     // guards missing and fills; see the class comment
     std::shared_mutex streamLock;        // held shared by transfers; see the class comment
     FILE* file = nullptr;                // written holding both locks; read holding either

@@ -3,10 +3,13 @@
 // hosts using one cache from several threads. The object table and mode
 // switches through the loaded library are in host_dlopen_test.cpp.
 #include <gtest/gtest.h>
+#include <sys/vfs.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <map>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -36,6 +39,25 @@ struct FailingFetcher final : IFetch {
     }
     long long GetHostHandle() override { return 0; }
 };
+
+// Every entry under `root` (links not followed) with its size, or -1 for
+// what is not a regular file; entries under `skipped` are left out.
+std::map<std::string, long long> Listing(const std::string& root, const std::string& skipped) {
+    namespace fs = std::filesystem;
+    std::map<std::string, long long> entries;
+    for (auto it = fs::recursive_directory_iterator(root); it != fs::recursive_directory_iterator();
+         ++it) {
+        const std::string path = it->path().string();
+        if (!skipped.empty() && (path == skipped || path.starts_with(skipped + "/"))) {
+            it.disable_recursion_pending();
+            continue;
+        }
+        entries[path] = it->is_regular_file() && !it->is_symlink()
+                            ? static_cast<long long>(it->file_size())
+                            : -1;
+    }
+    return entries;
+}
 
 class ManagerTest : public testhost::HostFixture {
   protected:
@@ -81,6 +103,74 @@ TEST_F(ManagerTest, ConfigurationTextsUpdateOnlyTheKeysTheyHold) {
     EXPECT_EQ(cache->SetConfiguration(nullptr), AE_NOT_FOUND);
     EXPECT_EQ(cache->SetConfiguration(""), AE_OK);
     EXPECT_EQ(Values(cache->GetConfig()), configured);
+}
+
+// The limit the host passes is a signed count: ~0ULL is -1, raised to the
+// 64 MiB floor (which the disk may then lower to half its free space).
+TEST_F(ManagerTest, AnAllOnesLimitIsRaisedToTheFloor) {
+    struct statfs disk;
+    ASSERT_EQ(statfs(cachePath.c_str(), &disk), 0);
+    const long long space =
+        static_cast<long long>(disk.f_bsize) * static_cast<long long>(disk.f_bfree);
+    ASSERT_GT(space, 2 * cache::kMinimumLimit);  // so the floor and half the disk differ
+    cache.reset();
+    cache = std::make_unique<cache::Cache>(cachePath.c_str(), ~0ULL);
+    EXPECT_EQ(cache->GetLimit(), cache::kMinimumLimit);
+    EXPECT_TRUE(log.HasTextContaining(", Storage limit : 67108864 bytes"));
+}
+
+// The cache's directory is swapped for a link, its file entries replaced,
+// or the directory removed and made again while objects are live: stores
+// create and delete files only in the directory the cache opened, and only
+// the files they created themselves.
+TEST_F(ManagerTest, StoresNeverCreateOrDeleteOutsideTheirDirectory) {
+    namespace fs = std::filesystem;
+    const std::string moved = dir.Sub("moved");
+    const std::string elsewhere = dir.Sub("elsewhere");
+    ASSERT_TRUE(fs::create_directory(elsewhere));
+    WriteText(*Open("replaced.bin"), nullptr, 0, "ours");
+    auto swapped = Open("share\\swapped.bin");
+    ASSERT_TRUE(ReadsRemote(*swapped, &fetcher, 0, 1000));
+
+    // An entry replaced by another file under the same name is not deleted.
+    ASSERT_EQ(unlink((cachePath + "/replaced.bin").c_str()), 0);
+    testhost::WriteRandomFile(cachePath + "/replaced.bin", 10);
+    EXPECT_EQ(cache->Close("replaced.bin"), AE_OK);
+    EXPECT_EQ(fs::file_size(cachePath + "/replaced.bin"), 10u);
+
+    // The path now leads to another directory holding a file of the same name.
+    fs::rename(cachePath, moved);
+    testhost::WriteRandomFile(elsewhere + "/swapped.bin", 10);
+    fs::create_directory_symlink(elsewhere, cachePath);
+    EXPECT_EQ(testhost::Thrown([&] { cache::Cache(cachePath.c_str(), 0); }),
+              AE_CREATE_DIRECTORY_FAILED);  // a new cache refuses the link
+    const auto before = Listing(dir.path(), moved);
+    EXPECT_EQ(cache->Close("share\\swapped.bin"), AE_OK);
+    swapped.reset();
+    auto fresh = Open("fresh.bin");
+    EXPECT_TRUE(ReadsRemote(*fresh, &fetcher, 0, size));
+    ASSERT_EQ(fresh->SetMode('w', size, &fetcher), AE_OK);
+    EXPECT_TRUE(ReadsRemote(*fresh, &fetcher, 0, 1000));
+    EXPECT_EQ(Listing(dir.path(), moved), before);
+    // The read-only store's file went with the switch; the writable one's
+    // took the next name while both existed.
+    const std::map<std::string, long long> inside = Listing(moved, "");
+    ASSERT_EQ(inside.size(), 2u);
+    EXPECT_EQ(inside.count(moved + "/replaced.bin"), 1u);
+    EXPECT_EQ(inside.count(moved + "/fresh[0].bin"), 1u);
+
+    // Removed and made again at the same path: that is another directory.
+    // Nothing is created there and its entries are not deleted; the objects
+    // still open keep serving from their open files.
+    fs::remove_all(moved);
+    ASSERT_TRUE(fs::create_directory(moved));
+    testhost::WriteRandomFile(moved + "/fresh[0].bin", 10);
+    const auto remade = Listing(dir.path(), "");
+    EXPECT_EQ(testhost::Thrown([&] { Open("other.bin"); }), AE_CREATE_FILE_FAILED);
+    EXPECT_TRUE(ReadsRemote(*fresh, &fetcher, 0, 1000));
+    EXPECT_EQ(cache->Close("fresh.bin"), AE_OK);
+    fresh.reset();
+    EXPECT_EQ(Listing(dir.path(), ""), remade);
 }
 
 TEST_F(ManagerTest, WriteSizesAndTheClosedStateUntilReopened) {

@@ -156,11 +156,16 @@ class StoreTest : public ::testing::Test {
     std::shared_ptr<cache::CacheSettings> Config() {
         return std::make_shared<cache::CacheSettings>(1LL << 40, settings);
     }
+    // The scratch directory, opened as a cache manager opens its directory.
+    std::shared_ptr<const cache::CacheDirectory> Directory() {
+        if (!directory) directory = cache::CacheDirectory::Open(dir.path() + "/");
+        return directory;
+    }
     std::unique_ptr<ReadonlyCache> ReadOnly(const std::string& name = "remote.bin") {
-        return std::make_unique<ReadonlyCache>(dir.path() + "/", name, Size(), Config());
+        return std::make_unique<ReadonlyCache>(Directory(), name, Size(), Config());
     }
     std::unique_ptr<WritableCache> Writable(const std::string& name, long long size) {
-        return std::make_unique<WritableCache>(dir.path() + "/", name, size, nullptr, Config());
+        return std::make_unique<WritableCache>(Directory(), name, size, nullptr, Config());
     }
     // Stores the remote's bytes of [offset, offset + length) as a fetch does.
     AERROR Deliver(ReadonlyCache& store, long long offset, long long length) {
@@ -173,6 +178,7 @@ class StoreTest : public ::testing::Test {
     }
 
     testhost::TempDir dir;
+    std::shared_ptr<const cache::CacheDirectory> directory;
     hostkit::LineLogger log;
     _CACHECONFIG settings = cache::kDefaultConfig;
     std::vector<char> remote;

@@ -2,6 +2,9 @@
 // writable store fetches only the partly covered sectors it lacks; the
 // read-only store fetches every missing sector a write touches first and
 // waits for them, through the host's queue or at once.
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <climits>
 #include <tuple>
 
@@ -96,6 +99,30 @@ TEST_F(WritableTest, TruncateAndFillsWorkOnRunsOfMissingSectors) {
     EXPECT_TRUE(log.HasText("[grown.bin] Truncate failed : Invalid argument"));
 }
 
+// A read that needs a sector whose fetch failed answers 8 instead of passing
+// zeros or a short count off as the remote's bytes. Without a fetcher the
+// store serves what its file holds; where the remote simply ends, the read
+// stops there as before.
+TEST_F(WritableTest, ReadsThatNeedAFailedFillAnswerEight) {
+    MakeRemote(4 * kSector + 100);
+    auto store = Writable("f.bin", Size());
+    fetch->failFrom = kSector;
+    fetch->failTo = 2 * kSector;
+    EXPECT_EQ(Read(*store, fetch.get(), Size(), 100, 2 * kSector).error, AE_READ_NOT_SERVED);
+    EXPECT_TRUE(log.HasText("[f.bin] Read failed : Sector 0 could not be fetched"));
+    EXPECT_TRUE(ReadsRemote(*store, 3 * kSector, kSector + 100, fetch.get()));
+    const auto unfetched = Read(*store, nullptr, Size(), 0, 2 * kSector);
+    EXPECT_EQ(unfetched.error, AE_OK);
+    EXPECT_EQ(unfetched.bytes, std::vector<char>(2 * kSector, '\0'));
+    fetch->failTo = 0;
+    EXPECT_TRUE(ReadsRemote(*store, 100, 2 * kSector, fetch.get()));
+
+    auto longer = Writable("longer.bin", Size() + kSector);
+    const auto tail = Read(*longer, fetch.get(), Size() + kSector, Size() - 100, 1000);
+    EXPECT_EQ(tail.error, AE_OK);
+    EXPECT_EQ(tail.bytes, Slice(remote, Size() - 100, 100));
+}
+
 // The writer's fetch of its partial tail holds the store's lock; a reader of
 // the same sectors comes after it and must not fetch over the written ones.
 TEST_F(WritableTest, FillAfterAWriteLeavesTheWrittenSectorsAlone) {
@@ -151,7 +178,10 @@ TEST_F(WritableTest, ConcurrentDisjointWritesAndReadsLandWhereWritten) {
 
 TEST_F(WritableTest, BadRequestsToEitherStoreAreRefused) {
     MakeRemote(2 * kSector);
-    EXPECT_THROW(WritableCache(dir.Sub("no/"), "f.bin", 10, nullptr, Config()), AERROR);
+    ASSERT_EQ(mkdir(dir.Sub("gone").c_str(), 0700), 0);
+    const auto gone = cache::CacheDirectory::Open(dir.Sub("gone/"));
+    ASSERT_EQ(rmdir(dir.Sub("gone").c_str()), 0);
+    EXPECT_THROW(WritableCache(gone, "f.bin", 10, nullptr, Config()), AERROR);
     auto writable = Writable("f.bin", Size());
     auto readonly = ReadOnly("r.bin");
     char byte = 'z';
