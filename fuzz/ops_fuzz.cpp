@@ -59,11 +59,17 @@ AERROR SetModeResult(Session& s, char mode, long long fileSize) {
 
 void CheckedRead(Session& s, long long offset, long long length, RD_FLAGS flags, bool withFetch) {
     const long long size = std::ssize(s.image);
-    // Room for what the file holds past `offset`, and a sector more: a read
-    // never delivers beyond the file's end.
-    const long long room =
+    // A read-only store delivers nothing past the declared size: room for
+    // that and a sector more catches an overrun. A writable store delivers up
+    // to its file's end, which the model may not know: room for the whole
+    // length, and huge lengths are left out.
+    long long room =
         std::clamp(offset >= 0 && offset < size ? size - offset : 0LL, 0LL, std::max(0LL, length)) +
         kSector;
+    if (s.mode == 'w') {
+        if (length > 64 * kSector) return;
+        room = length;
+    }
     Bytes buffer(static_cast<size_t>(std::max(0LL, std::min(room, std::max(length, 0LL)))));
     _READDATA request{buffer.data(),
                       offset,
@@ -100,11 +106,10 @@ void Write(Session& s, fuzzhost::Input& input) {
                        std::ssize(s.image), s.remote.get(), kTimeoutMs};
     if (s.object->Write(&request) != AE_OK || length == 0) return;
     // Within the file or just past its end, the written copy stays exact.
-    if (offset <= std::ssize(s.image)) {
-        modeltest::Overlay(s.image, offset, piece);
-    } else {
-        s.known = false;
-    }
+    // Past the end the gap's content is not modelled; the size still is.
+    const long long size = std::ssize(s.image);
+    if (offset > size) s.known = false;
+    if (offset <= std::max(size, 16 * kSector)) modeltest::Overlay(s.image, offset, piece);
 }
 
 // Back to mode 'r': the written copy becomes the remote's new version, as a
