@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace cache {
@@ -58,6 +59,31 @@ long long StreamSize(FILE* stream) {
     struct stat st;
     if (fstat(fileno(stream), &st) != 0) return 0;
     return st.st_size;
+}
+
+std::vector<SectorSpan> DataSectors(FILE* stream, long long size) {
+    std::vector<SectorSpan> spans;
+    const int fd = fileno(stream);
+    for (long long at = 0; at < size;) {
+        const off_t data = lseek(fd, at, SEEK_DATA);
+        if (data < 0) {
+            // ENXIO: no data from `at` on. Anything else: holes cannot be
+            // told apart here, so what is left counts as data.
+            if (errno != ENXIO) spans.push_back({SectorOf(at), SectorCeil(size)});
+            break;
+        }
+        if (data >= size) break;
+        off_t hole = lseek(fd, data, SEEK_HOLE);
+        if (hole < 0 || hole > size) hole = size;
+        const SectorSpan span{SectorOf(data), SectorCeil(hole)};
+        if (!spans.empty() && spans.back().end >= span.first) {
+            spans.back().end = std::max(spans.back().end, span.end);
+        } else {
+            spans.push_back(span);
+        }
+        at = hole;
+    }
+    return spans;
 }
 
 }  // namespace cache

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace cache {
 
@@ -69,6 +70,20 @@ bool WriteAt(FILE* stream, long long position, const void* source, size_t count,
 // The size of the file behind `stream` without moving its position; 0 when
 // it cannot be determined.
 long long StreamSize(FILE* stream);
+
+// A run of whole sectors [first, end) of a file.
+struct SectorSpan {
+    long long first;
+    long long end;
+};
+
+// The runs of sectors of the first `size` bytes of the file behind `stream`
+// that hold data, found with SEEK_DATA / SEEK_HOLE, in ascending order: the
+// work follows the file's extents, not its size. A sector counts when any of
+// its bytes lies in a data extent. Where the file system cannot tell holes
+// apart, the whole size is one run. Moves the descriptor's position.
+// REQUIRES: 0 <= size <= kOffsetLimit.
+std::vector<SectorSpan> DataSectors(FILE* stream, long long size);
 
 }  // namespace cache
 

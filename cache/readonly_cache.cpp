@@ -2,6 +2,7 @@
 // writes, reservations and the small operations.
 #include "cache/readonly_cache.h"
 
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -102,12 +103,23 @@ ReadonlyCache::ReadonlyCache(WritableCache* source, std::shared_ptr<ICacheConfig
     displayName.Set(*source->GetFileName());
     file = source->TakeStream(&fileSize);
     if (file == nullptr) throw AE_CREATE_FILE_FAILED;
-    // The dense file holds sector p at offset p: every slot is its own sector.
+    // The dense file holds sector p at offset p: every slot is its own
+    // sector. The sectors that hold data become present, and so do the
+    // holes between them (they read as zeros) while there are at most
+    // kMaxConvertedHoleSectors of them. Beyond that the holes stay absent
+    // and are fetched like any uncached sector: the work and memory follow
+    // what the file holds, not the size it declares.
+    std::vector<SectorSpan> present = DataSectors(file, fileSize);
+    long long dataSectors = 0;
+    for (const SectorSpan& span : present) dataSectors += (span.end - span.first) / kSectorSize;
+    if (SectorCeil(fileSize) / kSectorSize - dataSectors <= kMaxConvertedHoleSectors) {
+        present.assign({SectorSpan{0, SectorCeil(fileSize)}});
+    }
     const auto now = std::chrono::steady_clock::now();
-    for (long long p = 0, remaining = fileSize; remaining > 0; p += kSectorSize) {
-        const long long length = std::min(remaining, kSectorSize);
-        InsertSectorNoLock(p, _SECTOR{p, length, 0, false, now});
-        remaining -= length;
+    for (const SectorSpan& span : present) {
+        for (long long p = span.first; p < span.end; p += kSectorSize) {
+            InsertSectorNoLock(p, _SECTOR{p, std::min(fileSize - p, kSectorSize), 0, false, now});
+        }
     }
     Log(LL_INFO, "[%s] Read only cache from writable cache created");
 }
@@ -380,8 +392,8 @@ AERROR ReadonlyCache::ReserveNoLock(long long offset, long long length) {
         Log(LL_ERROR, "[%s] Reserve block failed : Invalid cache file handle");
         return AE_INVALID_HANDLE;
     }
-    if (length > config->GetQuota()) {
-        Log(LL_ERROR, "[%s] Reserve block failed : larger than the storage limit");
+    if (length > HoldableBytesNoLock()) {
+        Log(LL_ERROR, "[%s] Reserve block failed : larger than the cache can hold");
         return AE_NOTHING_RESERVED;
     }
     const long long first = SectorOf(offset);
@@ -402,6 +414,19 @@ AERROR ReadonlyCache::ReserveNoLock(long long offset, long long length) {
     }
     Log(LL_INFO, "[%s] %d blocks reserved", count);
     return count > 0 ? AE_OK : AE_NOTHING_RESERVED;
+}
+
+long long ReadonlyCache::HoldableBytesNoLock() {
+    long long holdable = config->GetQuota();
+    struct statvfs disk;
+    if (fstatvfs(fileno(file), &disk) == 0) {
+        const unsigned long long free =
+            static_cast<unsigned long long>(disk.f_bavail) * disk.f_frsize;
+        const unsigned long long room =
+            std::min<unsigned long long>(free, LLONG_MAX / 2) + GetFileSize();
+        holdable = std::min(holdable, static_cast<long long>(room));
+    }
+    return holdable;
 }
 
 bool ReadonlyCache::ReserveSectorNoLock(long long key, std::chrono::steady_clock::time_point now) {

@@ -66,7 +66,7 @@ inline int32_t HandleState(const std::shared_ptr<_FS_HANDLE>& handle) {
 // `bytes` rounded down to whole sectors, and never below one sector. Fetch
 // chunks and read-ahead sizes go through it, so every piece a job asks for
 // starts on a sector boundary whatever the configuration says.
-inline long long WholeSectors(long long bytes) {
+constexpr long long WholeSectors(long long bytes) {
     return std::max(bytes - bytes % kSectorSize, kSectorSize);
 }
 
@@ -98,6 +98,10 @@ class SectorRuns {
 
 class ReadonlyCache : public ICacheFile, public IFetchCallback {
   public:
+    // A store converted from a writable copy maps at most this many sectors
+    // of holes (1 GiB), so that a huge sparse copy costs what it holds.
+    static constexpr long long kMaxConvertedHoleSectors = 16384;
+
     // A fresh, empty store for remote `name` of `fileSize` bytes, with its
     // cache file in `directory`, which the store keeps until it ends. Throws
     // AE_CREATE_FILE_FAILED (3004) when the file cannot be created.
@@ -106,7 +110,9 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
                   long long fileSize, std::shared_ptr<ICacheConfig> config);
     // Takes over the stream of a writable store, whose file holds the remote
     // file densely: every sector of the file's size at the hand-over becomes
-    // present at its own offset. The file inherited this way is never deleted
+    // present at its own offset, holes reading as zeros, unless the file has
+    // more than kMaxConvertedHoleSectors sectors of holes; then only the
+    // sectors holding data do. The file inherited this way is never deleted
     // by this store. Throws AE_CREATE_FILE_FAILED when `source` has no open
     // stream.
     ReadonlyCache(WritableCache* source, std::shared_ptr<ICacheConfig> config);
@@ -180,10 +186,10 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // Marks the absent and the incomplete sectors of the range reserved
     // (ReserveSectorNoLock). 0 when at least one was newly reserved, 3014
     // when none, when the range is invalid (negative, or past kOffsetLimit)
-    // or when it is larger than the storage limit (no cache could hold it;
-    // refusing keeps the work proportional to what can be cached), 3005 when
-    // closed, 3006 (no log line) when the first sector is absent and
-    // `offset` is not aligned. REQUIRES: `lock` held.
+    // or when it is larger than HoldableBytesNoLock (it could never be
+    // cached whole; refusing keeps the work proportional to what can be),
+    // 3005 when closed, 3006 (no log line) when the first sector is absent
+    // and `offset` is not aligned. REQUIRES: `lock` held.
     AERROR ReserveNoLock(long long offset, long long length);
     // Erases the reserved sectors among those that the range touches,
     // counting a full sector for the first one; their slots go to the back
@@ -254,6 +260,10 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
         return !sector.reserved &&
                (sector.length >= kSectorSize || key + sector.length >= fileSize);
     }
+    // The most this store could ever hold: the storage limit, and no more
+    // than the cache file plus the free space of its file system.
+    // REQUIRES: `lock` held; the file open.
+    long long HoldableBytesNoLock();
     // Reserves the sector at `key` when it is absent (taking the oldest free
     // slot, or none) or present but not complete (keeping its slot). True
     // when it was newly reserved. REQUIRES: `lock` held.

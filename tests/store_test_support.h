@@ -28,6 +28,10 @@ class ReadonlyCachePeer {
         std::lock_guard<std::mutex> guard(store.lock);
         return store.sectors;
     }
+    static size_t SectorCount(ReadonlyCache& store) {
+        std::lock_guard<std::mutex> guard(store.lock);
+        return store.sectors.size();
+    }
     // Queues `slot` as free, as eviction would.
     static void AddFreeSlot(ReadonlyCache& store, long long slot) {
         std::lock_guard<std::mutex> guard(store.lock);

@@ -123,6 +123,37 @@ TEST_F(WritableTest, ReadsThatNeedAFailedFillAnswerEight) {
     EXPECT_EQ(tail.bytes, Slice(remote, Size() - 100, 100));
 }
 
+// A converted copy maps its sectors at their own offsets, and holes among
+// them read as zeros without a fetch. A huge sparse copy (2^39 bytes with two
+// sectors written) maps only the sectors it holds.
+TEST_F(WritableTest, ConversionCostsWhatTheCopyHolds) {
+    MakeRemote(4 * kSector);
+    auto convert = [](WritableCache& store) {
+        return std::unique_ptr<ReadonlyCache>(
+            static_cast<ReadonlyCache*>(store.RebuildToReadonlyCache(nullptr, nullptr)));
+    };
+    auto small = Writable("small.bin", Size());
+    std::vector<char> image;
+    Overlay(image, 0, Pattern(100, 'a'));
+    Overlay(image, 2 * kSector + 5, Pattern(100, 'b'));
+    ASSERT_EQ(Write(*small, nullptr, 0, 0, Pattern(100, 'a')), AE_OK);
+    ASSERT_EQ(Write(*small, nullptr, 0, 2 * kSector + 5, Pattern(100, 'b')), AE_OK);
+    auto dense = convert(*small);
+    EXPECT_EQ(ReadonlyCachePeer::SectorCount(*dense), 3u);
+    EXPECT_EQ(Read(*dense, fetch.get(), std::ssize(image), 0, std::ssize(image)).bytes, image);
+    EXPECT_TRUE(fetch->Take().empty());
+
+    constexpr long long kHuge = 1LL << 39;
+    auto huge = Writable("huge.bin", kHuge);
+    ASSERT_EQ(Write(*huge, nullptr, 0, 0, Pattern(100, 'c')), AE_OK);
+    ASSERT_EQ(Write(*huge, nullptr, 0, kHuge - 100, Pattern(100, 'd')), AE_OK);
+    auto sparse = convert(*huge);
+    EXPECT_EQ(ReadonlyCachePeer::SectorCount(*sparse), 2u);
+    EXPECT_EQ(Read(*sparse, nullptr, kHuge, 0, 100).bytes, Pattern(100, 'c'));
+    EXPECT_EQ(Read(*sparse, nullptr, kHuge, kHuge - 100, 100).bytes, Pattern(100, 'd'));
+    EXPECT_EQ(Read(*sparse, nullptr, kHuge, kSector, 100).transferred, 0);  // a hole: absent
+}
+
 // The writer's fetch of its partial tail holds the store's lock; a reader of
 // the same sectors comes after it and must not fetch over the written ones.
 TEST_F(WritableTest, FillAfterAWriteLeavesTheWrittenSectorsAlone) {
