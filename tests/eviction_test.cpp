@@ -152,7 +152,8 @@ TEST_F(EvictionTest, AFullDiskFailsReadsUntilEvictionFreesSpace) {
     settings.rahit = 1000;  // no read-ahead
     MakeRemote(4 * kMiB);
     auto config = Config();
-    ReadonlyCache store(cache::CacheDirectory::Open(dir.Sub("disk")), "remote.bin", Size(), config);
+    ReadonlyCache store(cache::CacheDirectory::Open(dir.Sub("disk") + "/"), "remote.bin", Size(),
+                        config);
 
     EXPECT_TRUE(ReadsRemote(store, 0, kMiB / 2, fetch.get()));
     EXPECT_TRUE(ReadsRemote(store, 2 * kMiB, kMiB / 2, fetch.get()));
