@@ -45,9 +45,12 @@ void FileFetcher::ResetCounters() {
 AERROR FileFetcher::Fetch(long long offset, long long length, std::shared_ptr<_FS_HANDLE> handle,
                           IFetchCallback* sink) {
     calls_.fetch_add(1);
-    if (options_.latencyMs > 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(options_.latencyMs));
-    }
+    // Each piece is due at start + latency + (bytes so far) / bandwidth.
+    using Ms = std::chrono::duration<double, std::milli>;
+    const auto firstByte = std::chrono::steady_clock::now() +
+                           std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                               Ms(std::max(0.0, options_.latencyMs)));
+    std::this_thread::sleep_until(firstByte);
     const long long end = std::min(offset + length, size_);
     std::vector<char> piece;
     for (long long position = offset; position < end;) {
@@ -59,8 +62,11 @@ AERROR FileFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
             return AE_READ_FAILED;
         }
         if (options_.bytesPerSecond > 0) {
-            std::this_thread::sleep_for(std::chrono::duration<double>(static_cast<double>(count) /
-                                                                      options_.bytesPerSecond));
+            const double seconds =
+                static_cast<double>(pieceEnd - offset) / options_.bytesPerSecond;
+            std::this_thread::sleep_until(
+                firstByte + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                std::chrono::duration<double>(seconds)));
         }
         long written = 0;
         const AERROR result =

@@ -3,7 +3,9 @@
 // It delivers the requested range in sector-aligned pieces (each piece ends
 // on a multiple of 64 KiB or at the end of the file), clips requests at the
 // end of the file, and can simulate a network: a fixed latency per request
-// and a bandwidth. It counts calls and bytes delivered.
+// and a bandwidth per request, paced against the request's start so that
+// sleep granularity does not slow it down. It counts calls and bytes
+// delivered.
 //
 // Thread-safe: Fetch may run on many threads at once.
 #ifndef HOSTKIT_FILE_FETCHER_H_
@@ -17,7 +19,7 @@
 namespace hostkit {
 
 struct FetcherOptions {
-    long long latencyMs = 0;        // slept once per Fetch call
+    double latencyMs = 0;           // before a Fetch call's first byte
     double bytesPerSecond = 0;      // 0: unlimited
     long long hostHandle = 0x5eed;  // returned by GetHostHandle
 };
