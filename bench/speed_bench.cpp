@@ -107,10 +107,10 @@ std::vector<long long> Offsets(long long block, bool sequential, uint64_t seed) 
     std::mt19937_64 random(seed);
     const long long blocks = kRemoteSize / block;
     for (long long i = 0; i < 65536; ++i) {
-        offsets.push_back(sequential ? (i % blocks) * block
-                                     : static_cast<long long>(random() % ((kRemoteSize - block) /
-                                                                         (4 * kKiB))) *
-                                           4 * kKiB);
+        offsets.push_back(
+            sequential ? (i % blocks) * block
+                       : static_cast<long long>(random() % ((kRemoteSize - block) / (4 * kKiB))) *
+                             4 * kKiB);
     }
     return offsets;
 }
@@ -215,7 +215,8 @@ class Host {
 // remote of `latencyMs` and 1 GB/s. Reads lie 2 MiB apart so that the
 // 1 MiB queued by one never serves the next.
 double ColdRandomMedianMs(Host& host, double latencyMs, int reads, const std::string& name) {
-    hostkit::FileFetcher fetcher(host.RemotePath(), {.latencyMs = latencyMs, .bytesPerSecond = 1e9});
+    hostkit::FileFetcher fetcher(host.RemotePath(),
+                                 {.latencyMs = latencyMs, .bytesPerSecond = 1e9});
     std::shared_ptr<ICacheObj> object = host.cache().Open(name.c_str(), 'r', kRemoteSize, &fetcher);
     ObjectReader reader(*object, &fetcher, 4 * kKiB);
     std::vector<long long> slots;
@@ -332,8 +333,7 @@ int main(int argc, char** argv) {
         }
         const double rate = Median(rates);
         rows.push_back({"cold 128 KiB sequential, remote 20 ms + 200 MB/s",
-                        Format("%.0f MB/s", rate / 1e6), "remote 200 MB/s", rate / 2e8,
-                        ">= 0.90"});
+                        Format("%.0f MB/s", rate / 1e6), "remote 200 MB/s", rate / 2e8, ">= 0.90"});
     }
 
     // Cold random: a remote of 1 ms and 1 GB/s.
@@ -361,7 +361,8 @@ int main(int argc, char** argv) {
             if (InitCache(path.c_str(), 128ULL << 20, &cache) != AE_OK) Fail("InitCache failed");
             for (int o = 0; o < 4; ++o) {
                 const std::string name = "file" + std::to_string(o) + ".bin";
-                std::shared_ptr<ICacheObj> object = cache->Open(name.c_str(), 'r', kRemoteSize, &fast);
+                std::shared_ptr<ICacheObj> object =
+                    cache->Open(name.c_str(), 'r', kRemoteSize, &fast);
                 ObjectReader(*object, &fast, 64 * kKiB).Read(0, 64 * kKiB);
             }
             host.queue().WaitIdle();

@@ -199,18 +199,33 @@ AERROR ReadonlyCache::FillEmptySectors(IFetch*) {
 
 _SECTOR& ReadonlyCache::InsertSectorNoLock(long long key, const _SECTOR& sector) {
     runs.Insert(key);
+    SectorsChangedNoLock();
     return sectors.emplace(key, sector).first->second;
 }
 
 std::map<long long, _SECTOR>::iterator ReadonlyCache::EraseSectorNoLock(
     std::map<long long, _SECTOR>::iterator entry) {
     runs.Erase(entry->first);
+    SectorsChangedNoLock();
     return sectors.erase(entry);
 }
 
 void ReadonlyCache::ClearSectorsNoLock() {
     sectors.clear();
     runs.Clear();
+    SectorsChangedNoLock();
+}
+
+void ReadonlyCache::SectorsChangedNoLock() {
+    ++mapVersion;
+    if (mapWaiters > 0) sectorsChanged.notify_all();
+}
+
+void ReadonlyCache::WaitForChangeNoLock(std::unique_lock<std::mutex>& guard,
+                                        unsigned long long seen) {
+    ++mapWaiters;
+    sectorsChanged.wait_for(guard, kPollPeriod, [&] { return mapVersion != seen; });
+    --mapWaiters;
 }
 
 long long ReadonlyCache::TakeFreeSlotNoLock() {
@@ -326,7 +341,10 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
             WriteAt(file, entry->offset + n, kZeroSlot, static_cast<size_t>(kSectorSize - n),
                     &padded);
         }
-        entry->reserved = false;
+        if (entry->reserved) {
+            entry->reserved = false;
+            SectorsChangedNoLock();
+        }
         total += n;
         source += n;
         remaining -= n;

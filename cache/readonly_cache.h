@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <deque>
@@ -104,7 +105,8 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     ReadonlyCache& operator=(const ReadonlyCache&) = delete;
 
     // Serves a host read: queues fetches for what is missing, waits for the
-    // range (polling every 10 ms without holding `lock`), copies it out.
+    // range (woken by every change of the sector map, and looking again at
+    // least every 10 ms, never holding `lock` while it waits), copies it out.
     // 0 (request->transferred set), 3005, 8 (missing or timed out), 28
     // (handle closed), 3008 (cache file unreadable or invalid request).
     // Takes `lock`.
@@ -206,13 +208,24 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     enum class QueueState { kNothing, kReadAhead, kSectors };
 
     // Every change to the set of keys of `sectors` goes through these, so
-    // that `runs` stays in step with the map. REQUIRES: `lock` held.
+    // that `runs` stays in step with the map and waiters are woken.
+    // REQUIRES: `lock` held.
     // Inserts `sector` under `key`, which must be absent.
     _SECTOR& InsertSectorNoLock(long long key, const _SECTOR& sector);
     // Erases the entry; returns the iterator after it.
     std::map<long long, _SECTOR>::iterator EraseSectorNoLock(
         std::map<long long, _SECTOR>::iterator entry);
     void ClearSectorsNoLock();
+
+    // Records a change of the sector map that a waiting read or write may
+    // be waiting for (a sector inserted, erased or no longer reserved, the
+    // store closed) and wakes the waiters. REQUIRES: `lock` held.
+    void SectorsChangedNoLock();
+    // Waits until the sector map changes after `seen` (a value of
+    // `mapVersion` read under `lock`), kPollPeriod at most: what nothing
+    // signals (a host closing its handle, a time-out) is seen within one
+    // period. REQUIRES: `guard` holds `lock`; it holds it again on return.
+    void WaitForChangeNoLock(std::unique_lock<std::mutex>& guard, unsigned long long seen);
 
     // The front of the free-slot queue (removed), or -1 when it is empty.
     // REQUIRES: `lock` held.
@@ -261,6 +274,14 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     AERROR CopySectorsNoLock(_READDATA* request);
 
     std::mutex lock;
+    // Signalled by SectorsChangedNoLock; waited on with `lock`.
+    std::condition_variable sectorsChanged;
+    // Counts the changes of the sector map, so that a change made while a
+    // waiter had released `lock` is not missed. Guarded by `lock`.
+    unsigned long long mapVersion = 0;
+    // Threads inside WaitForChangeNoLock; no signal is sent while there are
+    // none. Guarded by `lock`.
+    int mapWaiters = 0;
     // A leaf lock: `file` changes only with both `lock` and `fileLock` held,
     // so GetFileSize can read it under `fileLock` alone.
     std::mutex fileLock;

@@ -7,7 +7,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -145,6 +144,7 @@ AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::mutex>& guard, _READD
                 return queued;
             }
         }
+        const unsigned long long seen = mapVersion;
         guard.unlock();
         if (!waited) waited.emplace();
         const long long elapsed = waited->elapsed();
@@ -164,8 +164,8 @@ AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::mutex>& guard, _READD
             ClearReserved(request->offset, request->length);
             return AE_READ_NOT_SERVED;
         }
-        std::this_thread::sleep_for(kPollPeriod);
         guard.lock();
+        WaitForChangeNoLock(guard, seen);
     }
 }
 

@@ -62,8 +62,7 @@ AERROR FileFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
             return AE_READ_FAILED;
         }
         if (options_.bytesPerSecond > 0) {
-            const double seconds =
-                static_cast<double>(pieceEnd - offset) / options_.bytesPerSecond;
+            const double seconds = static_cast<double>(pieceEnd - offset) / options_.bytesPerSecond;
             std::this_thread::sleep_until(
                 firstByte + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                 std::chrono::duration<double>(seconds)));
