@@ -148,7 +148,7 @@ AERROR ReadonlyCache::Close() {
             running);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::shared_mutex> guard(lock);
     if (file == nullptr) return AE_INVALID_HANDLE;
     {
         std::lock_guard<std::mutex> fileGuard(fileLock);
@@ -162,7 +162,7 @@ AERROR ReadonlyCache::Close() {
 }
 
 AERROR ReadonlyCache::Truncate(long long size) {
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::shared_mutex> guard(lock);
     if (file == nullptr) {
         Log(LL_ERROR, "[%s] Truncate failed : Invalid cache file handle");
         return AE_INVALID_HANDLE;
@@ -221,7 +221,7 @@ void ReadonlyCache::SectorsChangedNoLock() {
     if (mapWaiters > 0) sectorsChanged.notify_all();
 }
 
-void ReadonlyCache::WaitForChangeNoLock(std::unique_lock<std::mutex>& guard,
+void ReadonlyCache::WaitForChangeNoLock(std::unique_lock<std::shared_mutex>& guard,
                                         unsigned long long seen) {
     ++mapWaiters;
     sectorsChanged.wait_for(guard, kPollPeriod, [&] { return mapVersion != seen; });
@@ -237,7 +237,7 @@ long long ReadonlyCache::TakeFreeSlotNoLock() {
 
 long long ReadonlyCache::GetLargestEmptyOffset(long long offset) {
     const long long ramax = config->GetConfig().ramax;
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::shared_mutex> guard(lock);
     return GetLargestEmptyOffsetNoLock(offset, ramax);
 }
 
@@ -254,7 +254,7 @@ long long ReadonlyCache::GetLargestEmptyOffsetNoLock(long long offset, long long
 // ---- Fetch writes ----
 
 AERROR ReadonlyCache::FetchWrite(long long offset, const char* data, long size, long* written) {
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::shared_mutex> guard(lock);
     return FetchWriteNoLock(offset, data, size, written);
 }
 
@@ -368,7 +368,7 @@ AERROR ReadonlyCache::FailFetchWriteNoLock(long long cur, int error) {
 // ---- Reservations ----
 
 AERROR ReadonlyCache::Reserve(long long offset, long long length) {
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::shared_mutex> guard(lock);
     return ReserveNoLock(offset, length);
 }
 
@@ -403,7 +403,7 @@ AERROR ReadonlyCache::ReserveNoLock(long long offset, long long length) {
 }
 
 AERROR ReadonlyCache::ClearReserved(long long offset, long long length) {
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::shared_mutex> guard(lock);
     ClearReservedNoLock(offset, length);
     return AE_OK;
 }

@@ -8,9 +8,13 @@
 //
 // Threads: host threads read and write; fetch jobs deliver data on the host's
 // queue threads through FetchWrite; the quota thread evicts. `lock` guards
-// the map and the file's contents. Operations with the NoLock suffix require
-// the caller to hold it. Lock order: a cache object's lock, then this lock,
-// then the leaf locks (`fileLock`, the display name's).
+// the map and the file's contents. Every change of the map, of a slot or of
+// the file takes it exclusively; copies out of the cache file take it
+// shared, so that readers of one file copy side by side while no slot can
+// move under them. Operations with the NoLock suffix require the caller to
+// hold it exclusively unless they say otherwise. Lock order: a cache
+// object's lock, then this lock, then the leaf locks (`fileLock`, the
+// display name's).
 //
 // Every transfer to or from the cache file is positioned I/O on the stream's
 // descriptor (ReadAt / WriteAt), so no thread depends on the stream position.
@@ -27,6 +31,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -40,12 +45,23 @@ class AsyncLargeFetch;
 
 // One entry of the sector map.
 struct _SECTOR {
-    long long offset = 0;   // slot in the cache file; -1 while reserved without a slot
-    long long length = 0;   // valid bytes; only the file's last sector is shorter
-    long long hits = 0;     // reads served since the sector was last queued or filled
+    long long offset = 0;  // slot in the cache file; -1 while reserved without a slot
+    long long length = 0;  // valid bytes; only the file's last sector is shorter
+    // Reads served since the sector was last queued or filled. Copies under
+    // the shared lock count through SectorHit.
+    long long hits = 0;
     bool reserved = false;  // a fetch is announced but its data has not arrived
     std::chrono::steady_clock::time_point time{};  // creation or last read
 };
+
+// Counts a read of `sector` at `now`. Safe for several copies under the
+// store's shared lock at once; the exclusive lock orders it with every other
+// access.
+inline void SectorHit(_SECTOR& sector, std::chrono::steady_clock::time_point now) {
+    std::atomic_ref<long long>(sector.hits).fetch_add(1, std::memory_order_relaxed);
+    std::atomic_ref<std::chrono::steady_clock::time_point>(sector.time)
+        .store(now, std::memory_order_relaxed);
+}
 
 // One remembered read, for read-ahead.
 struct _READHISTORY {
@@ -225,7 +241,7 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // `mapVersion` read under `lock`), kPollPeriod at most: what nothing
     // signals (a host closing its handle, a time-out) is seen within one
     // period. REQUIRES: `guard` holds `lock`; it holds it again on return.
-    void WaitForChangeNoLock(std::unique_lock<std::mutex>& guard, unsigned long long seen);
+    void WaitForChangeNoLock(std::unique_lock<std::shared_mutex>& guard, unsigned long long seen);
 
     // The front of the free-slot queue (removed), or -1 when it is empty.
     // REQUIRES: `lock` held.
@@ -263,19 +279,23 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // Reserves the whole file and posts one job fetching it, unless a large
     // fetch runs or nothing is left to reserve. REQUIRES: `lock` held.
     void FetchWholeFileNoLock(_READDATA* request);
-    // Polls until every sector of the request is present. Returns 0 with
+    // Waits until every sector of the request is present. Returns 0 with
     // `guard` locked, or the read's failure with `guard` unlocked or locked
     // (the caller returns at once either way). REQUIRES: `guard` locked.
-    AERROR WaitForSectors(std::unique_lock<std::mutex>& guard, _READDATA* request,
-                          QueueState state);
+    AERROR WaitForSectors(std::unique_lock<std::shared_mutex>& guard, _READDATA* request,
+                          QueueState& state);
+    // True when every sector of the request's range is present (none
+    // reserved). REQUIRES: `lock` held, shared or exclusive.
+    bool RangePresentNoLock(const _READDATA* request) const;
     // Copies the request's range out of the cache file. REQUIRES: `lock`
-    // held; every sector of the range present unless the request has no
-    // fetcher, in which case the copy stops at the first one that is not.
+    // held, shared or exclusive; every sector of the range present unless
+    // the request has no fetcher, in which case the copy stops at the first
+    // one that is not.
     AERROR CopySectorsNoLock(_READDATA* request);
 
-    std::mutex lock;
-    // Signalled by SectorsChangedNoLock; waited on with `lock`.
-    std::condition_variable sectorsChanged;
+    std::shared_mutex lock;
+    // Signalled by SectorsChangedNoLock; waited on with `lock` exclusive.
+    std::condition_variable_any sectorsChanged;
     // Counts the changes of the sector map, so that a change made while a
     // waiter had released `lock` is not missed. Guarded by `lock`.
     unsigned long long mapVersion = 0;

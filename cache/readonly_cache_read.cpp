@@ -42,7 +42,7 @@ AERROR ReadonlyCache::Read(_READDATA* request) {
     // One copy of the configuration serves the whole request.
     const _CACHECONFIG settings = config->GetConfig();
 
-    std::unique_lock<std::mutex> guard(lock);
+    std::unique_lock<std::shared_mutex> guard(lock);
     if (file == nullptr) return AE_INVALID_HANDLE;
     fileSize = request->fileSize;
     if (request->timeout == 0) request->timeout = settings.readtimeout;
@@ -64,12 +64,32 @@ AERROR ReadonlyCache::Read(_READDATA* request) {
         }
     }
 
-    // Without a fetcher nothing will arrive: serve what is cached now.
-    if (request->fetch != nullptr) {
+    // Copies need the lock only shared, so that readers of this file copy
+    // side by side; the range is checked again under it, since anything may
+    // have changed while the lock was free. Without a fetcher nothing will
+    // arrive: what is cached now is served.
+    for (;;) {
+        guard.unlock();
+        {
+            std::shared_lock<std::shared_mutex> copying(lock);
+            if (request->fetch == nullptr) {
+                return file == nullptr ? AE_INVALID_HANDLE : CopySectorsNoLock(request);
+            }
+            if (file != nullptr && RangePresentNoLock(request)) return CopySectorsNoLock(request);
+        }
+        guard.lock();
         const AERROR waited = WaitForSectors(guard, request, state);
         if (waited != AE_OK) return waited;
     }
-    return CopySectorsNoLock(request);
+}
+
+bool ReadonlyCache::RangePresentNoLock(const _READDATA* request) const {
+    const long long end = request->offset + request->length;
+    long long cur = SectorOf(request->offset);
+    for (auto entry = sectors.lower_bound(cur); cur < end; cur += kSectorSize, ++entry) {
+        if (entry == sectors.end() || entry->first != cur || entry->second.reserved) return false;
+    }
+    return true;
 }
 
 void ReadonlyCache::FetchWholeFileNoLock(_READDATA* request) {
@@ -88,8 +108,8 @@ void ReadonlyCache::FetchWholeFileNoLock(_READDATA* request) {
     request->timeout = -1;
 }
 
-AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::mutex>& guard, _READDATA* request,
-                                     QueueState state) {
+AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::shared_mutex>& guard, _READDATA* request,
+                                     QueueState& state) {
     const long long end = request->offset + request->length;
     const long long first = SectorOf(request->offset);
     long long cur = first;
@@ -198,8 +218,7 @@ AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request) {
             if (empty) spanStart = fileOffset;
             spanBytes += std::clamp(sector.offset + sector.length - fileOffset, 0LL,
                                     length - total - spanBytes);
-            ++sector.hits;
-            sector.time = now;
+            SectorHit(sector, now);
         }
         size_t done = 0;
         if (!ReadAt(file, spanStart, request->buffer + total, static_cast<size_t>(spanBytes),

@@ -41,7 +41,7 @@ AERROR ReadonlyCache::Write(_WRITEDATA* request) {
         return result;
     };
 
-    std::unique_lock<std::mutex> guard(lock);
+    std::unique_lock<std::shared_mutex> guard(lock);
     if (file == nullptr) return failed("[%s] Write failed : %p, %lld, %d", AE_INVALID_HANDLE);
     if (request->fetch != nullptr) {
         std::deque<long long> absent;
