@@ -185,10 +185,11 @@ protected:
 // The host's fetcher. Fetch is synchronous: every piece of the range reaches
 // sink->FetchWrite before it returns; 0 means everything was delivered.
 // Every piece starts on a 64 KiB sector boundary and covers whole sectors,
-// except the piece that ends at the end of the remote file. The stores rely
-// on it: a piece that starts inside a sector already cached is stored from
-// that sector's start, and a read-only store refuses one that starts inside
-// a sector it lacks.
+// except the piece that ends at the end of the remote file. A piece that
+// starts inside a sector already cached is stored at its place in that
+// sector; a read-only store refuses one that starts inside a sector it lacks
+// or past the bytes it holds of it. A sector left short of both 64 KiB and
+// the end of the file is fetched again before it is read.
 class IFetch {
 public:
     virtual AERROR Fetch(long long offset, long long length, std::shared_ptr<_FS_HANDLE> handle,

@@ -33,8 +33,8 @@ std::shared_ptr<_FS_HANDLE> MakeLibraryHandle(long long hostHandle) {
 namespace {
 
 // The chunk a superseded or orphaned large fetch still asks for, whatever
-// the configured maximum.
-constexpr long long kLargeFetchChunk = 0x6666666;
+// the configured maximum: just under 103 MiB, in whole sectors.
+const long long kLargeFetchChunk = WholeSectors(0x6666666);
 
 }  // namespace
 
@@ -69,18 +69,16 @@ AsyncFetch::AsyncFetch(ReadonlyCache* owner, IFetch* fetch, long long offset, lo
 void AsyncFetch::Process(void* context) {
     SyncFetch direct(owner);
     const AERROR result = fetch->Fetch(offset, length, handle, Sink(context, &direct));
-    if (result != AE_OK) {
-        // A closed handle explains the failure; the range is released anyway
-        // so that waiting readers stop waiting for it.
-        if (HandleState(handle) < 4) {
-            owner->Log(LL_ERROR, "[%s] Read-ahead failed : %lld, %d", offset,
-                       static_cast<int>(length));
-        }
-        if (context != nullptr) {
-            direct.ClearReserved(offset, length);
-        } else {
-            owner->ClearReserved(offset, length);
-        }
+    // A closed handle explains a failure, so it is not reported.
+    if (result != AE_OK && HandleState(handle) < 4) {
+        owner->Log(LL_ERROR, "[%s] Read-ahead failed : %lld, %d", offset, static_cast<int>(length));
+    }
+    // Whatever the fetcher left undelivered, failed or not, is released, so
+    // that readers waiting for it stop waiting at once.
+    if (context != nullptr) {
+        direct.ClearReserved(offset, length);
+    } else {
+        owner->ClearReserved(offset, length);
     }
     owner->Log(LL_INFO, "[%s] Read-ahead done : %lld, %d", offset, static_cast<int>(length));
     delete this;
@@ -107,11 +105,14 @@ void AsyncLargeFetch::Process(void* context) {
     owner->Log(LL_DETAIL, "[%s] AsyncLargeFetch : %lld, %lld", offset, length);
     SyncFetch direct(owner);
     IFetchCallback* sink = Sink(context, &direct);
-    // The configured maximum chunk, compared unsigned: a negative value
-    // means no limit. Zero would never advance, so it takes the fixed chunk.
-    unsigned long long maxFetch =
-        static_cast<unsigned long long>(owner->GetConfig()->GetConfig().readfetchmax);
-    if (maxFetch == 0) maxFetch = kLargeFetchChunk;
+    // The configured maximum chunk in whole sectors, so that every chunk
+    // starts on a sector boundary. A negative value means no limit; zero
+    // would never advance, so it takes the fixed chunk.
+    const long long configured = owner->GetConfig()->GetConfig().readfetchmax;
+    const unsigned long long maxFetch =
+        configured < 0    ? static_cast<unsigned long long>(configured)
+        : configured == 0 ? static_cast<unsigned long long>(kLargeFetchChunk)
+                          : static_cast<unsigned long long>(WholeSectors(configured));
     const auto isCurrent = [this] {
         return HandleState(handle) <= 3 &&
                owner->largeFetch.load(std::memory_order_acquire) == this;

@@ -119,9 +119,11 @@ ReadonlyCache::~ReadonlyCache() {
 
 void ReadonlyCache::FillReadAheadSizes() {
     const _CACHECONFIG settings = config->GetConfig();
-    long long size = settings.ramin;
+    // Whole sectors, so that every read-ahead ends on a sector boundary.
+    const long long ramax = WholeSectors(settings.ramax);
+    long long size = WholeSectors(settings.ramin);
     for (long long& entry : readAheadSizes) {
-        entry = std::min(size, settings.ramax);
+        entry = std::min(size, ramax);
         // Saturate instead of overflowing for absurd configurations.
         size = entry > LLONG_MAX / 2 ? LLONG_MAX : entry < LLONG_MIN / 2 ? LLONG_MIN : entry * 2;
     }
@@ -286,18 +288,25 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
         return slot;
     };
     while (remaining != 0) {
+        // The part of the piece that belongs to this sector, and where in
+        // the sector it starts (only the first sector can start inside).
+        const long long within = cur == first ? offset - first : 0;
+        const long long part = std::min(remaining, kSectorSize - within);
         auto found = sectors.find(cur);
+        // A piece must continue bytes the sector holds: one that starts
+        // inside a sector without data, or past the end of a short one,
+        // would leave unknown bytes before it.
+        const long long held =
+            found == sectors.end() || found->second.reserved ? 0 : found->second.length;
+        if (within > held) {
+            Log(LL_ERROR, "[%s] Fetch write failed : Cache offset was not aligned");
+            return AE_NOT_ALIGNED;
+        }
         _SECTOR* entry;
         // Set when the slot is given out here: it holds nothing of its
         // sector yet, so its tail is padded.
         bool assigned = true;
         if (found == sectors.end()) {
-            // Only an absent first sector must start on a sector boundary;
-            // data for an existing one is written from the sector's start.
-            if (cur == first && offset % kSectorSize != 0) {
-                Log(LL_ERROR, "[%s] Fetch write failed : Cache offset was not aligned");
-                return AE_NOT_ALIGNED;
-            }
             Log(LL_DETAIL, "[%s] Fetch write : %lld", cur);
             long long slot = TakeFreeSlotNoLock();
             if (slot != -1) {
@@ -307,17 +316,15 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
                 Log(LL_DETAIL, "[%s] Fetch write : Empty sector not found. Append cache on %lld.",
                     slot);
             }
-            entry = &InsertSectorNoLock(
-                cur, _SECTOR{slot, std::min(remaining, kSectorSize), 0, false, now});
+            // Reserved until its bytes are in the file, so that a failed
+            // write releases it like any other reservation.
+            entry = &InsertSectorNoLock(cur, _SECTOR{slot, 0, 0, true, now});
         } else if (found->second.reserved) {
             entry = &found->second;
             // A reserved sector without a slot appends one; freed slots are
             // handed out by reservations only.
             assigned = entry->offset == -1;
             if (assigned) entry->offset = appendSlot();
-            entry->hits = 0;
-            entry->length = std::min(remaining, kSectorSize);
-            entry->time = now;
             Log(LL_DETAIL, "[%s] Fetch write : Sector %lld reserved and write on %lld", cur,
                 entry->offset);
         } else {
@@ -328,39 +335,47 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
                 "cache %lld",
                 cur, entry->offset);
         }
-        // An existing sector keeps its length; never take more than the
-        // caller gave nor more than one slot holds.
-        const long long count = std::clamp(entry->length, 0LL, std::min(remaining, kSectorSize));
         size_t done = 0;
-        if (!WriteAt(file, entry->offset, source, static_cast<size_t>(count), &done)) {
-            return FailFetchWriteNoLock(cur, errno);
+        if (!WriteAt(file, entry->offset + within, source, static_cast<size_t>(part), &done)) {
+            return FailFetchWriteNoLock(sectors.find(cur), errno);
         }
-        const long long n = static_cast<long long>(done);
-        if (assigned && n < kSectorSize) {
+        if (assigned && part < kSectorSize) {
             size_t padded = 0;
-            WriteAt(file, entry->offset + n, kZeroSlot, static_cast<size_t>(kSectorSize - n),
+            WriteAt(file, entry->offset + part, kZeroSlot, static_cast<size_t>(kSectorSize - part),
                     &padded);
         }
         if (entry->reserved) {
             entry->reserved = false;
-            SectorsChangedNoLock();
+            entry->length = part;
+            entry->hits = 0;
+            entry->time = now;
+        } else {
+            // A present sector keeps what it held and takes what the piece
+            // adds beyond it (a short sector of a file that grew).
+            entry->length = std::max(entry->length, within + part);
         }
-        total += n;
-        source += n;
-        remaining -= n;
+        // What a waiting read or write waits for may have come with it.
+        SectorsChangedNoLock();
+        total += part;
+        source += part;
+        remaining -= part;
         cur += kSectorSize;
     }
     if (written != nullptr) *written = static_cast<long>(total);
     return AE_OK;
 }
 
-AERROR ReadonlyCache::FailFetchWriteNoLock(long long cur, int error) {
+AERROR ReadonlyCache::FailFetchWriteNoLock(std::map<long long, _SECTOR>::iterator entry,
+                                           int error) {
     Log(LL_ERROR, "[%s] Fetch write failed : %s", strerror(error));
-    // Readers must not take partly written sectors for present ones. The
-    // slots are not reused: their content is unknown.
-    for (auto entry = sectors.find(cur); entry != sectors.end() && entry->first == cur;
-         cur += kSectorSize) {
-        entry = EraseSectorNoLock(entry);
+    // Only the sector this write was filling is given up; present sectors,
+    // including the one being rewritten, keep their bytes. A slot inside the
+    // file goes back to the free list; one at or past its end was never
+    // there, and the next append takes that place again.
+    if (entry->second.reserved) {
+        const long long slot = entry->second.offset;
+        EraseSectorNoLock(entry);
+        if (slot != -1 && slot < GetFileSize()) emptySlots.push_back(slot);
     }
     return AE_WRITE_FAILED;
 }
@@ -382,24 +397,42 @@ AERROR ReadonlyCache::ReserveNoLock(long long offset, long long length) {
         Log(LL_ERROR, "[%s] Reserve block failed : Invalid cache file handle");
         return AE_INVALID_HANDLE;
     }
+    if (length > config->GetQuota()) {
+        Log(LL_ERROR, "[%s] Reserve block failed : larger than the storage limit");
+        return AE_NOTHING_RESERVED;
+    }
     const long long first = SectorOf(offset);
     const auto now = std::chrono::steady_clock::now();
     long long cur = first;
     long long remaining = length;
     int count = 0;
     while (remaining != 0) {
-        if (sectors.find(cur) == sectors.end()) {
-            if (cur == first && offset % kSectorSize != 0) return AE_NOT_ALIGNED;
-            InsertSectorNoLock(
-                cur, _SECTOR{TakeFreeSlotNoLock(), std::min(remaining, kSectorSize), 0, true, now});
-            ++count;
+        if (cur == first && offset % kSectorSize != 0 && sectors.find(cur) == sectors.end()) {
+            return AE_NOT_ALIGNED;
         }
+        // An incomplete first sector is left alone when `offset` lies
+        // inside it: the fetch that follows cannot deliver its head.
+        if ((cur != first || offset % kSectorSize == 0) && ReserveSectorNoLock(cur, now)) ++count;
         const long long part = cur == first ? kSectorSize - offset % kSectorSize : kSectorSize;
         remaining -= std::min(part, remaining);
         cur += kSectorSize;
     }
     Log(LL_INFO, "[%s] %d blocks reserved", count);
     return count > 0 ? AE_OK : AE_NOTHING_RESERVED;
+}
+
+bool ReadonlyCache::ReserveSectorNoLock(long long key, std::chrono::steady_clock::time_point now) {
+    auto found = sectors.find(key);
+    if (found == sectors.end()) {
+        InsertSectorNoLock(key, _SECTOR{TakeFreeSlotNoLock(), 0, 0, true, now});
+        return true;
+    }
+    _SECTOR& sector = found->second;
+    if (sector.reserved || IsCompleteNoLock(key, sector)) return false;
+    sector.reserved = true;
+    sector.hits = 0;
+    sector.time = now;
+    return true;
 }
 
 AERROR ReadonlyCache::ClearReserved(long long offset, long long length) {
@@ -409,9 +442,13 @@ AERROR ReadonlyCache::ClearReserved(long long offset, long long length) {
 }
 
 long long ReadonlyCache::ClearReservedNoLock(long long offset, long long length) {
+    if (!IsValidRange(offset, length)) {
+        Log(LL_ERROR, "[%s] Clear reserved blocks failed : invalid range");
+        return 0;
+    }
     Log(LL_DETAIL, "[%s] Clear reserved blocks %lld to %lld(%lld bytes)", offset, offset + length,
         length);
-    if (file == nullptr || length <= 0) return 0;
+    if (file == nullptr || length == 0) return 0;
     // The sectors first, first + 64 KiB, ... one per started 64 KiB of
     // `length` (the first counts whole even when `offset` is not aligned).
     // Visiting the map's entries in that span instead of every offset costs

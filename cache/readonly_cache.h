@@ -21,6 +21,7 @@
 #ifndef CACHE_READONLY_CACHE_H_
 #define CACHE_READONLY_CACHE_H_
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -37,6 +38,7 @@
 
 #include "cache/cache.h"
 #include "cache/display_name.h"
+#include "cache/file_io.h"
 
 namespace cache {
 
@@ -75,6 +77,13 @@ struct _READHISTORY {
 inline int32_t HandleState(const std::shared_ptr<_FS_HANDLE>& handle) {
     if (!handle) return 0;
     return std::atomic_ref<int32_t>(handle->state).load(std::memory_order_relaxed);
+}
+
+// `bytes` rounded down to whole sectors, and never below one sector. Fetch
+// chunks and read-ahead sizes go through it, so every piece a job asks for
+// starts on a sector boundary whatever the configuration says.
+inline long long WholeSectors(long long bytes) {
+    return std::max(bytes - bytes % kSectorSize, kSectorSize);
 }
 
 // The maximal runs of consecutive sectors (keys k, k + 64 KiB, ...) of a
@@ -165,12 +174,15 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
 
     // Stores `size` fetched bytes for remote `offset`, sector by sector, in
     // free slots (oldest freed first) or slots appended to the file, and
-    // stores the count through `written` (may be null). A slot given out by
-    // this call is padded to its full length; a present sector is rewritten
-    // in place over its own length only. 0; 3005 closed; 3006 when the first
-    // sector is absent and `offset` is not aligned; 3007 on an invalid range
-    // or missing data, or a failed write, after which the entries from the
-    // failing sector on are erased (their slots are not reused).
+    // stores the count through `written` (may be null). Each byte goes to
+    // its own place in its sector's slot, never into another slot. A slot
+    // given out by this call is padded to its full length; a present sector
+    // is rewritten in place and grows when the piece reaches past its end.
+    // 0; 3005 closed; 3006 when the piece starts inside the first sector
+    // beyond the bytes it holds (always, for an absent or reserved one);
+    // 3007 on an invalid range or missing data, or a failed write, after
+    // which the sector being filled is given up (slot back to the free
+    // list) and every other sector stays as it was.
     // FetchWrite takes `lock`; FetchWriteNoLock REQUIRES it held.
     virtual AERROR FetchWriteNoLock(long long offset, const char* data, long size, long* written);
     AERROR FetchWrite(long long offset, const char* data, long size, long* written) override;
@@ -182,11 +194,13 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // Takes no lock of the store (the leaf `fileLock` only).
     virtual long long GetFileOffset(long long offset);
 
-    // Marks the absent sectors of the range reserved, each with the oldest
-    // free slot or none (-1). 0 when at least one was newly reserved, 3014
-    // when none or the range is invalid (negative, or past kOffsetLimit),
-    // 3005 when closed, 3006 (no log line) when the first sector is absent
-    // and `offset` is not aligned. REQUIRES: `lock` held.
+    // Marks the absent and the incomplete sectors of the range reserved
+    // (ReserveSectorNoLock). 0 when at least one was newly reserved, 3014
+    // when none, when the range is invalid (negative, or past kOffsetLimit)
+    // or when it is larger than the storage limit (no cache could hold it;
+    // refusing keeps the work proportional to what can be cached), 3005 when
+    // closed, 3006 (no log line) when the first sector is absent and
+    // `offset` is not aligned. REQUIRES: `lock` held.
     AERROR ReserveNoLock(long long offset, long long length);
     // Erases the reserved sectors among those that the range touches,
     // counting a full sector for the first one; their slots go to the back
@@ -221,7 +235,7 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
 
     // What a read has queued on its own behalf; decides what a sector that
     // vanishes while the read waits means.
-    enum class QueueState { kNothing, kReadAhead, kSectors };
+    enum class QueueState { kNothing, kReadAhead, kSectors, kWholeFile };
 
     // Every change to the set of keys of `sectors` goes through these, so
     // that `runs` stays in step with the map and waiters are woken.
@@ -254,10 +268,24 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // Fills readAheadSizes: ramin, doubling, capped at ramax.
     void FillReadAheadSizes();
 
-    // Erases the entries from `cur` on while they are present (after a
-    // failed write into the cache file) and returns 3007.
+    // After a failed write into the cache file: gives up `entry` when it
+    // held no data yet (erased, its slot freed when inside the file), logs
+    // and returns 3007. REQUIRES: `lock` held.
+    AERROR FailFetchWriteNoLock(std::map<long long, _SECTOR>::iterator entry, int error);
+
+    // True when the sector holds every byte it will ever hold: it is not
+    // reserved, and it is whole or ends at the remote file's current size.
+    // A shorter one (the file grew, the fetcher stopped short, or the store
+    // was converted from a shorter copy) counts as missing.
     // REQUIRES: `lock` held.
-    AERROR FailFetchWriteNoLock(long long cur, int error);
+    bool IsCompleteNoLock(long long key, const _SECTOR& sector) const {
+        return !sector.reserved &&
+               (sector.length >= kSectorSize || key + sector.length >= fileSize);
+    }
+    // Reserves the sector at `key` when it is absent (taking the oldest free
+    // slot, or none) or present but not complete (keeping its slot). True
+    // when it was newly reserved. REQUIRES: `lock` held.
+    bool ReserveSectorNoLock(long long key, std::chrono::steady_clock::time_point now);
 
     // Range form: resets the hits of the present sectors of [first, end)
     // and queues fetches for the absent ones. 3013 when jobs were posted,
@@ -277,15 +305,18 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // REQUIRES: `lock` held; no large fetch running.
     void StartReadAheadNoLock(_READDATA* request, long long runEnd, const _CACHECONFIG& settings);
     // Reserves the whole file and posts one job fetching it, unless a large
-    // fetch runs or nothing is left to reserve. REQUIRES: `lock` held.
-    void FetchWholeFileNoLock(_READDATA* request);
-    // Waits until every sector of the request is present. Returns 0 with
+    // fetch runs or nothing is left to reserve; true when it posted.
+    // REQUIRES: `lock` held.
+    bool FetchWholeFileNoLock(_READDATA* request);
+    // Waits until every sector of the request's range within the file is
+    // present and complete. Returns 0 with
     // `guard` locked, or the read's failure with `guard` unlocked or locked
     // (the caller returns at once either way). REQUIRES: `guard` locked.
     AERROR WaitForSectors(std::unique_lock<std::shared_mutex>& guard, _READDATA* request,
                           QueueState& state);
-    // True when every sector of the request's range is present (none
-    // reserved). REQUIRES: `lock` held, shared or exclusive.
+    // True when every sector of the request's range within the file is
+    // present (not reserved) and complete, as WaitForSectors requires.
+    // REQUIRES: `lock` held, shared or exclusive.
     bool RangePresentNoLock(const _READDATA* request) const;
     // Copies the request's range out of the cache file. REQUIRES: `lock`
     // held, shared or exclusive; every sector of the range present unless

@@ -49,7 +49,7 @@ AERROR ReadonlyCache::Read(_READDATA* request) {
 
     QueueState state = QueueState::kNothing;
     if ((request->flags & RD_FETCH_ALL) != RD_NONE) {
-        FetchWholeFileNoLock(request);
+        if (FetchWholeFileNoLock(request)) state = QueueState::kWholeFile;
     } else {
         if (CheckReadAhead(request, settings) == AE_FETCH_QUEUED) state = QueueState::kReadAhead;
         const long long end = std::min(request->offset + std::max(request->length, kMinimumQueued),
@@ -84,19 +84,24 @@ AERROR ReadonlyCache::Read(_READDATA* request) {
 }
 
 bool ReadonlyCache::RangePresentNoLock(const _READDATA* request) const {
-    const long long end = request->offset + request->length;
+    const long long end = std::min(request->offset + request->length, request->fileSize);
     long long cur = SectorOf(request->offset);
     for (auto entry = sectors.lower_bound(cur); cur < end; cur += kSectorSize, ++entry) {
-        if (entry == sectors.end() || entry->first != cur || entry->second.reserved) return false;
+        if (entry == sectors.end() || entry->first != cur ||
+            !IsCompleteNoLock(cur, entry->second)) {
+            return false;
+        }
     }
     return true;
 }
 
-void ReadonlyCache::FetchWholeFileNoLock(_READDATA* request) {
+bool ReadonlyCache::FetchWholeFileNoLock(_READDATA* request) {
     // The job needs a fetcher; without one nothing is reserved that nobody
     // would ever deliver.
-    if (largeFetch.load(std::memory_order_acquire) != nullptr || request->fetch == nullptr) return;
-    if (ReserveNoLock(0, fileSize) != AE_OK) return;
+    if (largeFetch.load(std::memory_order_acquire) != nullptr || request->fetch == nullptr) {
+        return false;
+    }
+    if (ReserveNoLock(0, fileSize) != AE_OK) return false;
     Log(LL_INFO, "[%s] Fetch all at once specified. Trying to fetch whole file(%lld bytes).",
         fileSize);
     // The job runs under a handle of its own that the host never closes.
@@ -105,12 +110,13 @@ void ReadonlyCache::FetchWholeFileNoLock(_READDATA* request) {
         MakeLibraryHandle(request->handle ? request->handle->hostHandle : 0), true);
     largeFetch.store(job, std::memory_order_release);
     QueueAsync(job, nullptr);
-    request->timeout = -1;
+    return true;
 }
 
 AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::shared_mutex>& guard, _READDATA* request,
                                      QueueState& state) {
-    const long long end = request->offset + request->length;
+    // Nothing past the end of the file will ever arrive.
+    const long long end = std::min(request->offset + request->length, request->fileSize);
     const long long first = SectorOf(request->offset);
     long long cur = first;
     // The sector that kept the last poll waiting, for the time-out line.
@@ -135,24 +141,33 @@ AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::shared_mutex>& guard,
                 waitingReserved = false;
                 break;
             }
-            if (entry->second.reserved) {
-                waitingSlot = entry->second.offset;
-                waitingLength = entry->second.length;
-                waitingReserved = true;
+            waitingSlot = entry->second.offset;
+            waitingLength = entry->second.length;
+            waitingReserved = entry->second.reserved;
+            if (!IsCompleteNoLock(cur, entry->second)) {
+                missing = !waitingReserved;
                 break;
             }
         }
         if (cur >= end) return AE_OK;  // `guard` stays locked for the copy
 
+        // A closed handle explains whatever else went wrong (a fetcher
+        // gives up on a closed handle, and its sectors vanish).
+        if (HandleState(request->handle) > 3) {
+            guard.unlock();
+            Log(LL_ERROR, "[%s] Read failed : Handle closed before return");
+            ClearReserved(request->offset, request->length);
+            return AE_HANDLE_CLOSED;
+        }
         if (missing) {
-            // A reservation vanished. If this read queued fetches, one of
-            // them failed; otherwise somebody else's did, so queue again.
-            if (state != QueueState::kNothing) {
+            // A reservation vanished or a sector lacks its tail. If this read
+            // queued fetches, one of them failed or stopped short; otherwise
+            // somebody else's did, so queue again.
+            if (state == QueueState::kReadAhead || state == QueueState::kSectors) {
                 Log(LL_ERROR, "[%s] Read failed : Sector %lld not found on sector hash", cur);
                 return AE_READ_NOT_SERVED;
             }
-            const AERROR queued =
-                QueueEmptySectors(first, std::min(end, fileSize), request->fetch, request->handle);
+            const AERROR queued = QueueEmptySectors(first, end, request->fetch, request->handle);
             if (queued == AE_FETCH_QUEUED) {
                 state = QueueState::kSectors;
                 waited.emplace();
@@ -164,16 +179,15 @@ AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::shared_mutex>& guard,
                 return queued;
             }
         }
+        // A read that posted the whole-file job waits without limit while a
+        // large fetch runs; once it has ended, the read's own time-out holds.
+        const bool unlimited = state == QueueState::kWholeFile &&
+                               largeFetch.load(std::memory_order_acquire) != nullptr;
         const unsigned long long seen = mapVersion;
         guard.unlock();
         if (!waited) waited.emplace();
         const long long elapsed = waited->elapsed();
-        if (HandleState(request->handle) > 3) {
-            Log(LL_ERROR, "[%s] Read failed : Handle closed before return");
-            ClearReserved(request->offset, request->length);
-            return AE_HANDLE_CLOSED;
-        }
-        if (request->timeout > -1 && elapsed > request->timeout) {
+        if (!unlimited && request->timeout > -1 && elapsed > request->timeout) {
             const std::string detail = "last checked sector offset was " + std::to_string(cur) +
                                        " on offset " + std::to_string(waitingSlot) + ", length " +
                                        std::to_string(waitingLength) + " and " +
@@ -191,7 +205,10 @@ AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::shared_mutex>& guard,
 
 AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request) {
     const long long first = SectorOf(request->offset);
-    const long long length = request->length;
+    // Bytes past the end of the file are not copied.
+    const long long length = request->fileSize <= request->offset
+                                 ? 0
+                                 : std::min(request->length, request->fileSize - request->offset);
     const auto now = std::chrono::steady_clock::now();
     long long total = 0;
     long long cur = first;
@@ -199,15 +216,14 @@ AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request) {
     for (;;) {
         // One transfer covers the following sectors whose slots lie back to
         // back in the cache file; each of them counts a read. It stops at a
-        // sector not cached: without a fetcher a reserved one holds no data
-        // yet either.
+        // sector not cached (without a fetcher a reserved one holds no data
+        // yet either) and after one that lacks its tail.
         long long spanStart = 0;
         long long spanBytes = 0;
         bool gap = false;
         for (bool empty = true; total + spanBytes < length;
              ++entry, cur += kSectorSize, empty = false) {
-            if (entry == sectors.end() || entry->first != cur ||
-                (request->fetch == nullptr && entry->second.reserved)) {
+            if (entry == sectors.end() || entry->first != cur || entry->second.reserved) {
                 gap = true;
                 break;
             }
@@ -219,6 +235,12 @@ AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request) {
             spanBytes += std::clamp(sector.offset + sector.length - fileOffset, 0LL,
                                     length - total - spanBytes);
             SectorHit(sector, now);
+            if (!IsCompleteNoLock(cur, sector)) {
+                // Its bytes are the remote's, but the next ones are not here.
+                gap = true;
+                cur += kSectorSize;
+                break;
+            }
         }
         size_t done = 0;
         if (!ReadAt(file, spanStart, request->buffer + total, static_cast<size_t>(spanBytes),
@@ -250,12 +272,13 @@ AERROR ReadonlyCache::QueueEmptySectors(long long first, long long end, IFetch* 
     std::vector<long long> missing;
     auto entry = sectors.lower_bound(first);
     for (long long cur = first; cur < end; cur += kSectorSize) {
-        if (entry != sectors.end() && entry->first == cur) {
+        const bool found = entry != sectors.end() && entry->first == cur;
+        if (found && (entry->second.reserved || IsCompleteNoLock(cur, entry->second))) {
             entry->second.hits = 0;  // requested again
-            ++entry;
         } else if (fetch != nullptr) {
-            missing.push_back(cur);
+            missing.push_back(cur);  // absent, or short of the file's end
         }
+        if (found) ++entry;
     }
     if (missing.empty()) return AE_OK;
     QueueEmptySectors(std::deque<long long>(missing.begin(), missing.end()), fetch,
@@ -280,9 +303,7 @@ void ReadonlyCache::QueueEmptySectors(const std::deque<long long>& sectorOffsets
         } else if (runLengths.emplace(s, kSectorSize).second) {
             ends.emplace(s + kSectorSize, s);
         }
-        if (sectors.find(s) == sectors.end()) {
-            InsertSectorNoLock(s, _SECTOR{TakeFreeSlotNoLock(), 0, 0, true, now});
-        }
+        ReserveSectorNoLock(s, now);
     }
     for (const auto& [start, length] : runLengths) {
         Log(LL_DETAIL, "[%s] Queue empty offset %lld to %lld(%lld bytes)", start, start + length,
@@ -327,7 +348,7 @@ void ReadonlyCache::StartReadAheadNoLock(_READDATA* request, long long runEnd,
                                          const _CACHECONFIG& settings) {
     // The read-ahead starts at the run's last sector, which may be present
     // already: it is simply rewritten when the data arrives.
-    long long size = std::min(readAheadSizes[readAheadLevel - 1], settings.ramax);
+    long long size = std::min(readAheadSizes[readAheadLevel - 1], WholeSectors(settings.ramax));
     size = std::clamp(size, 0LL, fileSize - runEnd);
     Log(LL_INFO, "[%s] Read-ahead from %lld, %lld bytes", runEnd, size);
     ReserveNoLock(runEnd, size);
