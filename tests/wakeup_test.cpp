@@ -35,14 +35,15 @@ class WakeupTest : public StoreTest {
         return std::chrono::duration<double, std::milli>(returned - changed).count();
     }
 
-    static double Median(std::vector<double> values) {
-        std::sort(values.begin(), values.end());
-        return values[values.size() / 2];
+    static double Best(const std::vector<double>& values) {
+        return *std::min_element(values.begin(), values.end());
     }
 
+    // The best of several rounds: a loaded machine may delay any one of them
+    // by more than a poll period, but a polling waiter is never quick.
     static constexpr int kRounds = 7;
-    // Well below the 8 ms a polling waiter needs, loose for a loaded machine.
-    static constexpr double kWokenMs = 5;
+    // Well below the 8 ms a polling waiter needs.
+    static constexpr double kWokenMs = 4;
 };
 
 TEST_F(WakeupTest, ReadersAndWritersWakeWhenTheirSectorsChange) {
@@ -65,8 +66,7 @@ TEST_F(WakeupTest, ReadersAndWritersWakeWhenTheirSectorsChange) {
         fetch->Take();
 
         // Somebody else reserved the read's window: the read waits for them.
-        // Their data arrives; they give up (the read fetches itself); the
-        // store closes.
+        // Their data arrives; the store closes.
         store = ReadOnly();
         ASSERT_EQ(store->Reserve(0, kWindow), AE_OK);
         othersDelivered.push_back(
@@ -74,17 +74,26 @@ TEST_F(WakeupTest, ReadersAndWritersWakeWhenTheirSectorsChange) {
                     [&] { ASSERT_EQ(Deliver(*store, 0, kSector), AE_OK); }));
         store = ReadOnly();
         ASSERT_EQ(store->Reserve(0, kWindow), AE_OK);
-        released.push_back(
-            Latency([&] { EXPECT_TRUE(ReadsRemote(*store, 100, 4096, fetch.get())); },
-                    [&] { store->ClearReserved(0, kWindow); }));
-        queue->WaitIdle();
-        store = ReadOnly();
-        ASSERT_EQ(store->Reserve(0, kWindow), AE_OK);
         closed.push_back(Latency(
             [&] {
                 EXPECT_EQ(Read(*store, fetch.get(), Size(), 100, 4096).error, AE_INVALID_HANDLE);
             },
             [&] { ASSERT_EQ(store->Close(), AE_OK); }));
+        // Only the read's own sector is somebody else's: the read queues the
+        // rest of its window and gives up when that reservation is released.
+        store = ReadOnly();
+        ASSERT_EQ(store->Reserve(0, kSector), AE_OK);
+        fetch->SetGate(false);
+        released.push_back(Latency(
+            [&] {
+                EXPECT_EQ(Read(*store, fetch.get(), Size(), 100, 4096).error, AE_READ_NOT_SERVED);
+            },
+            [&] {
+                ASSERT_TRUE(fetch->WaitForHeld(1));  // the read has queued
+                store->ClearReserved(0, kSector);
+            }));
+        fetch->SetGate(true);
+        queue->WaitIdle();
 
         // A write into a sector it must fetch first.
         store = ReadOnly();
@@ -97,11 +106,11 @@ TEST_F(WakeupTest, ReadersAndWritersWakeWhenTheirSectorsChange) {
             }));
         queue->WaitIdle();
     }
-    EXPECT_LT(Median(delivered), kWokenMs);
-    EXPECT_LT(Median(othersDelivered), kWokenMs);
-    EXPECT_LT(Median(released), kWokenMs);
-    EXPECT_LT(Median(closed), kWokenMs);
-    EXPECT_LT(Median(written), kWokenMs);
+    EXPECT_LT(Best(delivered), kWokenMs);
+    EXPECT_LT(Best(othersDelivered), kWokenMs);
+    EXPECT_LT(Best(released), kWokenMs);
+    EXPECT_LT(Best(closed), kWokenMs);
+    EXPECT_LT(Best(written), kWokenMs);
 }
 
 TEST_F(WakeupTest, ClosedHandlesAndTimeOutsAreStillSeenByThePoll) {
