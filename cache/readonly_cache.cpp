@@ -2,6 +2,7 @@
 // writes, reservations and the small operations.
 #include "cache/readonly_cache.h"
 
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -397,8 +398,8 @@ AERROR ReadonlyCache::ReserveNoLock(long long offset, long long length) {
         Log(LL_ERROR, "[%s] Reserve block failed : Invalid cache file handle");
         return AE_INVALID_HANDLE;
     }
-    if (length > config->GetQuota()) {
-        Log(LL_ERROR, "[%s] Reserve block failed : larger than the storage limit");
+    if (length > HoldableBytesNoLock()) {
+        Log(LL_ERROR, "[%s] Reserve block failed : larger than the cache can hold");
         return AE_NOTHING_RESERVED;
     }
     const long long first = SectorOf(offset);
@@ -419,6 +420,19 @@ AERROR ReadonlyCache::ReserveNoLock(long long offset, long long length) {
     }
     Log(LL_INFO, "[%s] %d blocks reserved", count);
     return count > 0 ? AE_OK : AE_NOTHING_RESERVED;
+}
+
+long long ReadonlyCache::HoldableBytesNoLock() {
+    long long holdable = config->GetQuota();
+    struct statvfs disk;
+    if (fstatvfs(fileno(file), &disk) == 0) {
+        const unsigned long long free =
+            static_cast<unsigned long long>(disk.f_bavail) * disk.f_frsize;
+        const unsigned long long room =
+            std::min<unsigned long long>(free, LLONG_MAX / 2) + GetFileSize();
+        holdable = std::min(holdable, static_cast<long long>(room));
+    }
+    return holdable;
 }
 
 bool ReadonlyCache::ReserveSectorNoLock(long long key, std::chrono::steady_clock::time_point now) {

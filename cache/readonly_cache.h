@@ -197,10 +197,10 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // Marks the absent and the incomplete sectors of the range reserved
     // (ReserveSectorNoLock). 0 when at least one was newly reserved, 3014
     // when none, when the range is invalid (negative, or past kOffsetLimit)
-    // or when it is larger than the storage limit (no cache could hold it;
-    // refusing keeps the work proportional to what can be cached), 3005 when
-    // closed, 3006 (no log line) when the first sector is absent and
-    // `offset` is not aligned. REQUIRES: `lock` held.
+    // or when it is larger than HoldableBytesNoLock (it could never be
+    // cached whole; refusing keeps the work proportional to what can be),
+    // 3005 when closed, 3006 (no log line) when the first sector is absent
+    // and `offset` is not aligned. REQUIRES: `lock` held.
     AERROR ReserveNoLock(long long offset, long long length);
     // Erases the reserved sectors among those that the range touches,
     // counting a full sector for the first one; their slots go to the back
@@ -282,6 +282,10 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
         return !sector.reserved &&
                (sector.length >= kSectorSize || key + sector.length >= fileSize);
     }
+    // The most this store could ever hold: the storage limit, and no more
+    // than the cache file plus the free space of its file system.
+    // REQUIRES: `lock` held; the file open.
+    long long HoldableBytesNoLock();
     // Reserves the sector at `key` when it is absent (taking the oldest free
     // slot, or none) or present but not complete (keeping its slot). True
     // when it was newly reserved. REQUIRES: `lock` held.

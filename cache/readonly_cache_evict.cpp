@@ -49,15 +49,18 @@ void ReadonlyCache::ClearOldCache(bool overLimit) {
         const auto age = static_cast<unsigned long long>(seconds.count());
         if ((age > readLimit && sector.hits > 0) || age > anyLimit) expired.push_back(entry);
     }
-    if (expired.empty()) return;
-
-    Log(LL_DETAIL, "[%s] ClearOldCache : %d sector(s) will clear(total %d sector(s))",
-        static_cast<int>(expired.size()), static_cast<int>(sectors.size()));
-    for (auto entry : expired) {
-        if (entry->second.offset != -1) emptySlots.push_back(entry->second.offset);
-        EraseSectorNoLock(entry);
+    if (!expired.empty()) {
+        Log(LL_DETAIL, "[%s] ClearOldCache : %d sector(s) will clear(total %d sector(s))",
+            static_cast<int>(expired.size()), static_cast<int>(sectors.size()));
+        for (auto entry : expired) {
+            if (entry->second.offset != -1) emptySlots.push_back(entry->second.offset);
+            EraseSectorNoLock(entry);
+        }
     }
 
+    // Free slots are reclaimed even when nothing expired: a fetch write that
+    // failed on a full disk leaves its slot free, and giving that space back
+    // is what lets the next fetch succeed.
     const long long sizeBefore = GetFileSize();
     if (emptySlots.empty()) return;
 
@@ -105,7 +108,10 @@ void ReadonlyCache::ClearOldCache(bool overLimit) {
         Log(LL_ERROR, "[%s] ClearOldCache failed : %s", strerror(error));
     }
     std::sort(emptySlots.begin(), emptySlots.end());
-    Log(LL_INFO, "[%s] ClearOldCache : OK, %lld => %lld", sizeBefore, GetFileSize());
+    const long long sizeAfter = GetFileSize();
+    if (!expired.empty() || sizeAfter != sizeBefore) {
+        Log(LL_INFO, "[%s] ClearOldCache : OK, %lld => %lld", sizeBefore, sizeAfter);
+    }
 }
 
 }  // namespace cache

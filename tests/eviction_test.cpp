@@ -1,7 +1,12 @@
 // Eviction of old sectors from the sparse store and compaction of its cache
 // file, alone and while readers read and fetch jobs deliver. Ages count in
 // whole seconds, so a sector older than a limit of 0 takes just over 1 s.
+#include <sys/mount.h>
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <random>
 
 #include "tests/store_test_support.h"
@@ -114,6 +119,69 @@ TEST_F(EvictionTest, EvictionRunsWhileReadersReadAndFetchesDeliver) {
     EXPECT_GT(served, 0);
     EXPECT_TRUE(evicted());
     EXPECT_TRUE(ReadsRemote(*store, 0, Size(), fetch.get()));
+}
+
+// A tmpfs of a few MiB mounted for one test and detached after it.
+class SmallDisk {
+  public:
+    explicit SmallDisk(const std::string& path) : path_(path) {
+        mkdir(path.c_str(), 0700);
+        if (mount("tmpfs", path.c_str(), "tmpfs", 0, "size=2m,mode=0700") != 0) {
+            error_ = strerror(errno);
+        }
+    }
+    SmallDisk(const SmallDisk&) = delete;
+    SmallDisk& operator=(const SmallDisk&) = delete;
+    ~SmallDisk() {
+        if (error_.empty()) umount2(path_.c_str(), MNT_DETACH);
+    }
+    const std::string& error() const { return error_; }
+
+  private:
+    std::string path_;
+    std::string error_;
+};
+
+// A full disk fails the fetch that meets it, and only that: what other
+// fetches stored stays readable, the failed slot is free again, eviction
+// gives the space back, and reads succeed again without closing anything.
+TEST_F(EvictionTest, AFullDiskFailsReadsUntilEvictionFreesSpace) {
+    SmallDisk disk(dir.Sub("disk"));
+    if (!disk.error().empty()) GTEST_SKIP() << "cannot mount a tmpfs: " << disk.error();
+    UseQueue();
+    settings.rahit = 1000;  // no read-ahead
+    MakeRemote(4 * kMiB);
+    auto config = Config();
+    ReadonlyCache store(dir.Sub("disk") + "/", "remote.bin", Size(), config);
+
+    EXPECT_TRUE(ReadsRemote(store, 0, kMiB / 2, fetch.get()));
+    EXPECT_TRUE(ReadsRemote(store, 2 * kMiB, kMiB / 2, fetch.get()));
+    // The disk fills between the two cached ranges.
+    EXPECT_EQ(Read(store, fetch.get(), Size(), kMiB / 2, 3 * kMiB, 5000).error, AE_READ_NOT_SERVED);
+    EXPECT_TRUE(log.HasText("[remote.bin] Fetch write failed : No space left on device"));
+    EXPECT_TRUE(log.HasTextContaining("] Read failed : Sector "));
+    EXPECT_TRUE(ReadsRemote(store, 0, kMiB / 2, nullptr));
+    EXPECT_TRUE(ReadsRemote(store, 2 * kMiB, kMiB / 2, nullptr));
+
+    // Nothing is old enough to drop, but the free slot ending the file goes.
+    long long present = 0;
+    for (const auto& [key, sector] : ReadonlyCachePeer::Sectors(store)) {
+        EXPECT_FALSE(sector.reserved) << key;
+        ++present;
+    }
+    store.ClearOldCache(false);
+    EXPECT_LE(store.GetFileSize(), present * kSector);
+    EXPECT_GT(store.GetFileSize(), (present - 1) * kSector);
+
+    // Everything expires; the space is back and the same store serves again.
+    _CACHECONFIG expireAll = settings;
+    expireAll.clrused = expireAll.clrunused = 0;
+    config->SetConfig(expireAll);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    store.ClearOldCache(false);
+    EXPECT_EQ(store.GetFileSize(), 0);
+    EXPECT_TRUE(ReadsRemote(store, kMiB, kMiB, fetch.get()));
+    queue->WaitIdle();
 }
 
 }  // namespace

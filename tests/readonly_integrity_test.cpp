@@ -158,5 +158,37 @@ TEST_F(IntegrityTest, AReadWhoseHandleWasClosedAnswers28WhateverFailedFirst) {
     EXPECT_TRUE(ReadonlyCachePeer::Sectors(*store).empty());
 }
 
+// Offsets and lengths at the 64-bit limits get the range codes, and sizes
+// declared far beyond any disk cost no work per declared sector.
+TEST_F(IntegrityTest, ExtremeOffsetsAndSizesGetRangeCodesAndNoWorkPerSector) {
+    MakeRemote(3 * kSector);
+    auto store = ReadOnly();
+    EXPECT_EQ(store->Reserve(LLONG_MAX - 10, 100), AE_NOTHING_RESERVED);
+    EXPECT_EQ(store->Reserve(0, LLONG_MAX), AE_NOTHING_RESERVED);
+    EXPECT_EQ(store->Reserve(-kSector, kSector), AE_NOTHING_RESERVED);
+    EXPECT_EQ(store->Reserve(0, 1LL << 50), AE_NOTHING_RESERVED);
+    EXPECT_TRUE(log.HasText("[remote.bin] Reserve block failed : larger than the cache can hold"));
+    EXPECT_EQ(store->ClearReserved(LLONG_MAX - 5, LLONG_MAX), AE_OK);
+    EXPECT_EQ(store->ClearReserved(LLONG_MIN, -1), AE_OK);
+    EXPECT_EQ(store->FetchWrite(LLONG_MAX - 100, remote.data(), 200, nullptr), AE_WRITE_FAILED);
+    EXPECT_EQ(store->Truncate(-1), AE_TRUNCATE_FAILED);
+    EXPECT_EQ(Write(*store, nullptr, Size(), LLONG_MAX - 10, Pattern(100, 'x')), AE_WRITE_FAILED);
+    EXPECT_EQ(Read(*store, fetch.get(), Size(), LLONG_MAX - 10, 100).error, AE_READ_FAILED);
+    const auto negativeSize = Read(*store, fetch.get(), LLONG_MIN, 0, 100);
+    EXPECT_EQ(negativeSize.error, AE_OK);
+    EXPECT_EQ(negativeSize.transferred, 0);
+    EXPECT_TRUE(ReadonlyCachePeer::Sectors(*store).empty());
+
+    // A whole-file read of a file declared larger than any disk falls back
+    // to fetching its own range.
+    for (const long long declared : {1LL << 39, 1LL << 50}) {
+        const auto huge = Read(*store, fetch.get(), declared, 0, 1000, 2000, testhost::OpenHandle(),
+                               RD_FETCH_ALL);
+        EXPECT_EQ(huge.error, AE_OK);
+        EXPECT_EQ(huge.bytes, Slice(remote, 0, 1000));
+    }
+    EXPECT_LE(ReadonlyCachePeer::Sectors(*store).size(), 3u);
+}
+
 }  // namespace
 }  // namespace storetest
