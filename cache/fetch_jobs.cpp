@@ -34,7 +34,7 @@ namespace {
 
 // The chunk a superseded or orphaned large fetch still asks for, whatever
 // the configured maximum: just under 103 MiB, in whole sectors.
-const long long kLargeFetchChunk = WholeSectors(0x6666666);
+constexpr long long kLargeFetchChunk = WholeSectors(0x6666666);
 
 }  // namespace
 

@@ -82,7 +82,7 @@ inline int32_t HandleState(const std::shared_ptr<_FS_HANDLE>& handle) {
 // `bytes` rounded down to whole sectors, and never below one sector. Fetch
 // chunks and read-ahead sizes go through it, so every piece a job asks for
 // starts on a sector boundary whatever the configuration says.
-inline long long WholeSectors(long long bytes) {
+constexpr long long WholeSectors(long long bytes) {
     return std::max(bytes - bytes % kSectorSize, kSectorSize);
 }
 

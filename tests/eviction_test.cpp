@@ -34,7 +34,7 @@ TEST_F(EvictionTest, OldSectorsGoByAgeAndReadsButNeverWhileReserved) {
     std::shuffle(groups.begin(), groups.end(), std::mt19937(7));
     for (long long sector : groups)
         ASSERT_TRUE(ReadsRemote(*store, sector * kSector, 100, fetch.get()));
-    queue->WaitIdle();  // a read returns with its own sector; the rest follows
+    queue->WaitIdle();  // each read waits for its own sector only
     ASSERT_EQ(store->GetFileSize(), Size());
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
 
