@@ -162,7 +162,7 @@ AERROR ReadonlyCache::Close() {
             running);
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::shared_mutex> guard(lock);
     if (file == nullptr) return AE_INVALID_HANDLE;
     {
         std::lock_guard<std::mutex> fileGuard(fileLock);
@@ -176,7 +176,7 @@ AERROR ReadonlyCache::Close() {
 }
 
 AERROR ReadonlyCache::Truncate(long long size) {
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::shared_mutex> guard(lock);
     if (file == nullptr) {
         Log(LL_ERROR, "[%s] Truncate failed : Invalid cache file handle");
         return AE_INVALID_HANDLE;
@@ -213,18 +213,33 @@ AERROR ReadonlyCache::FillEmptySectors(IFetch*) {
 
 _SECTOR& ReadonlyCache::InsertSectorNoLock(long long key, const _SECTOR& sector) {
     runs.Insert(key);
+    SectorsChangedNoLock();
     return sectors.emplace(key, sector).first->second;
 }
 
 std::map<long long, _SECTOR>::iterator ReadonlyCache::EraseSectorNoLock(
     std::map<long long, _SECTOR>::iterator entry) {
     runs.Erase(entry->first);
+    SectorsChangedNoLock();
     return sectors.erase(entry);
 }
 
 void ReadonlyCache::ClearSectorsNoLock() {
     sectors.clear();
     runs.Clear();
+    SectorsChangedNoLock();
+}
+
+void ReadonlyCache::SectorsChangedNoLock() {
+    ++mapVersion;
+    if (mapWaiters > 0) sectorsChanged.notify_all();
+}
+
+void ReadonlyCache::WaitForChangeNoLock(std::unique_lock<std::shared_mutex>& guard,
+                                        unsigned long long seen) {
+    ++mapWaiters;
+    sectorsChanged.wait_for(guard, kPollPeriod, [&] { return mapVersion != seen; });
+    --mapWaiters;
 }
 
 long long ReadonlyCache::TakeFreeSlotNoLock() {
@@ -236,7 +251,7 @@ long long ReadonlyCache::TakeFreeSlotNoLock() {
 
 long long ReadonlyCache::GetLargestEmptyOffset(long long offset) {
     const long long ramax = config->GetConfig().ramax;
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::shared_mutex> guard(lock);
     return GetLargestEmptyOffsetNoLock(offset, ramax);
 }
 
@@ -253,7 +268,7 @@ long long ReadonlyCache::GetLargestEmptyOffsetNoLock(long long offset, long long
 // ---- Fetch writes ----
 
 AERROR ReadonlyCache::FetchWrite(long long offset, const char* data, long size, long* written) {
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::shared_mutex> guard(lock);
     return FetchWriteNoLock(offset, data, size, written);
 }
 
@@ -351,6 +366,8 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
             // adds beyond it (a short sector of a file that grew).
             entry->length = std::max(entry->length, within + part);
         }
+        // What a waiting read or write waits for may have come with it.
+        SectorsChangedNoLock();
         total += part;
         source += part;
         remaining -= part;
@@ -378,7 +395,7 @@ AERROR ReadonlyCache::FailFetchWriteNoLock(std::map<long long, _SECTOR>::iterato
 // ---- Reservations ----
 
 AERROR ReadonlyCache::Reserve(long long offset, long long length) {
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::shared_mutex> guard(lock);
     return ReserveNoLock(offset, length);
 }
 
@@ -444,7 +461,7 @@ bool ReadonlyCache::ReserveSectorNoLock(long long key, std::chrono::steady_clock
 }
 
 AERROR ReadonlyCache::ClearReserved(long long offset, long long length) {
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::shared_mutex> guard(lock);
     ClearReservedNoLock(offset, length);
     return AE_OK;
 }

@@ -8,9 +8,13 @@
 //
 // Threads: host threads read and write; fetch jobs deliver data on the host's
 // queue threads through FetchWrite; the quota thread evicts. `lock` guards
-// the map and the file's contents. Operations with the NoLock suffix require
-// the caller to hold it. Lock order: a cache object's lock, then this lock,
-// then the leaf locks (`fileLock`, the display name's).
+// the map and the file's contents. Every change of the map, of a slot or of
+// the file takes it exclusively; copies out of the cache file take it
+// shared, so that readers of one file copy side by side while no slot can
+// move under them. Operations with the NoLock suffix require the caller to
+// hold it exclusively unless they say otherwise. Lock order: a cache
+// object's lock, then this lock, then the leaf locks (`fileLock`, the
+// display name's).
 //
 // Every transfer to or from the cache file is positioned I/O on the stream's
 // descriptor (ReadAt / WriteAt), so no thread depends on the stream position.
@@ -20,6 +24,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <deque>
@@ -27,6 +32,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <string>
 #include <vector>
 
@@ -42,12 +48,23 @@ class AsyncLargeFetch;
 
 // One entry of the sector map.
 struct _SECTOR {
-    long long offset = 0;   // slot in the cache file; -1 while reserved without a slot
-    long long length = 0;   // valid bytes; only the file's last sector is shorter
-    long long hits = 0;     // reads served since the sector was last queued or filled
+    long long offset = 0;  // slot in the cache file; -1 while reserved without a slot
+    long long length = 0;  // valid bytes; only the file's last sector is shorter
+    // Reads served since the sector was last queued or filled. Copies under
+    // the shared lock count through SectorHit.
+    long long hits = 0;
     bool reserved = false;  // a fetch is announced but its data has not arrived
     std::chrono::steady_clock::time_point time{};  // creation or last read
 };
+
+// Counts a read of `sector` at `now`. Safe for several copies under the
+// store's shared lock at once; the exclusive lock orders it with every other
+// access.
+inline void SectorHit(_SECTOR& sector, std::chrono::steady_clock::time_point now) {
+    std::atomic_ref<long long>(sector.hits).fetch_add(1, std::memory_order_relaxed);
+    std::atomic_ref<std::chrono::steady_clock::time_point>(sector.time)
+        .store(now, std::memory_order_relaxed);
+}
 
 // One remembered read, for read-ahead.
 struct _READHISTORY {
@@ -120,7 +137,8 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     ReadonlyCache& operator=(const ReadonlyCache&) = delete;
 
     // Serves a host read: queues fetches for what is missing, waits for the
-    // range (polling every 10 ms without holding `lock`), copies it out.
+    // range (woken by every change of the sector map, and looking again at
+    // least every 10 ms, never holding `lock` while it waits), copies it out.
     // 0 (request->transferred set), 3005, 8 (missing or timed out), 28
     // (handle closed), 3008 (cache file unreadable or invalid request).
     // Takes `lock`.
@@ -227,13 +245,24 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     enum class QueueState { kNothing, kReadAhead, kSectors, kWholeFile };
 
     // Every change to the set of keys of `sectors` goes through these, so
-    // that `runs` stays in step with the map. REQUIRES: `lock` held.
+    // that `runs` stays in step with the map and waiters are woken.
+    // REQUIRES: `lock` held.
     // Inserts `sector` under `key`, which must be absent.
     _SECTOR& InsertSectorNoLock(long long key, const _SECTOR& sector);
     // Erases the entry; returns the iterator after it.
     std::map<long long, _SECTOR>::iterator EraseSectorNoLock(
         std::map<long long, _SECTOR>::iterator entry);
     void ClearSectorsNoLock();
+
+    // Records a change of the sector map that a waiting read or write may
+    // be waiting for (a sector inserted, erased or no longer reserved, the
+    // store closed) and wakes the waiters. REQUIRES: `lock` held.
+    void SectorsChangedNoLock();
+    // Waits until the sector map changes after `seen` (a value of
+    // `mapVersion` read under `lock`), kPollPeriod at most: what nothing
+    // signals (a host closing its handle, a time-out) is seen within one
+    // period. REQUIRES: `guard` holds `lock`; it holds it again on return.
+    void WaitForChangeNoLock(std::unique_lock<std::shared_mutex>& guard, unsigned long long seen);
 
     // The front of the free-slot queue (removed), or -1 when it is empty.
     // REQUIRES: `lock` held.
@@ -290,18 +319,31 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // fetch runs or nothing is left to reserve; true when it posted.
     // REQUIRES: `lock` held.
     bool FetchWholeFileNoLock(_READDATA* request);
-    // Polls until every sector of the request's range within the file is
+    // Waits until every sector of the request's range within the file is
     // present and complete. Returns 0 with
     // `guard` locked, or the read's failure with `guard` unlocked or locked
     // (the caller returns at once either way). REQUIRES: `guard` locked.
-    AERROR WaitForSectors(std::unique_lock<std::mutex>& guard, _READDATA* request,
-                          QueueState state);
+    AERROR WaitForSectors(std::unique_lock<std::shared_mutex>& guard, _READDATA* request,
+                          QueueState& state);
+    // True when every sector of the request's range within the file is
+    // present (not reserved) and complete, as WaitForSectors requires.
+    // REQUIRES: `lock` held, shared or exclusive.
+    bool RangePresentNoLock(const _READDATA* request) const;
     // Copies the request's range out of the cache file. REQUIRES: `lock`
-    // held; every sector of the range present unless the request has no
-    // fetcher, in which case the copy stops at the first one that is not.
+    // held, shared or exclusive; every sector of the range present unless
+    // the request has no fetcher, in which case the copy stops at the first
+    // one that is not.
     AERROR CopySectorsNoLock(_READDATA* request);
 
-    std::mutex lock;
+    std::shared_mutex lock;
+    // Signalled by SectorsChangedNoLock; waited on with `lock` exclusive.
+    std::condition_variable_any sectorsChanged;
+    // Counts the changes of the sector map, so that a change made while a
+    // waiter had released `lock` is not missed. Guarded by `lock`.
+    unsigned long long mapVersion = 0;
+    // Threads inside WaitForChangeNoLock; no signal is sent while there are
+    // none. Guarded by `lock`.
+    int mapWaiters = 0;
     // A leaf lock: `file` changes only with both `lock` and `fileLock` held,
     // so GetFileSize can read it under `fileLock` alone.
     std::mutex fileLock;

@@ -28,7 +28,7 @@ struct _SECTOR_USING {
 }  // namespace
 
 void ReadonlyCache::ClearOldCache(bool overLimit) {
-    std::lock_guard<std::mutex> guard(lock);
+    std::lock_guard<std::shared_mutex> guard(lock);
     if (file == nullptr) return;
     const auto now = std::chrono::steady_clock::now();
     const _CACHECONFIG settings = config->GetConfig();

@@ -7,7 +7,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -43,7 +42,7 @@ AERROR ReadonlyCache::Read(_READDATA* request) {
     // One copy of the configuration serves the whole request.
     const _CACHECONFIG settings = config->GetConfig();
 
-    std::unique_lock<std::mutex> guard(lock);
+    std::unique_lock<std::shared_mutex> guard(lock);
     if (file == nullptr) return AE_INVALID_HANDLE;
     fileSize = request->fileSize;
     if (request->timeout == 0) request->timeout = settings.readtimeout;
@@ -65,12 +64,35 @@ AERROR ReadonlyCache::Read(_READDATA* request) {
         }
     }
 
-    // Without a fetcher nothing will arrive: serve what is cached now.
-    if (request->fetch != nullptr) {
+    // Copies need the lock only shared, so that readers of this file copy
+    // side by side; the range is checked again under it, since anything may
+    // have changed while the lock was free. Without a fetcher nothing will
+    // arrive: what is cached now is served.
+    for (;;) {
+        guard.unlock();
+        {
+            std::shared_lock<std::shared_mutex> copying(lock);
+            if (request->fetch == nullptr) {
+                return file == nullptr ? AE_INVALID_HANDLE : CopySectorsNoLock(request);
+            }
+            if (file != nullptr && RangePresentNoLock(request)) return CopySectorsNoLock(request);
+        }
+        guard.lock();
         const AERROR waited = WaitForSectors(guard, request, state);
         if (waited != AE_OK) return waited;
     }
-    return CopySectorsNoLock(request);
+}
+
+bool ReadonlyCache::RangePresentNoLock(const _READDATA* request) const {
+    const long long end = std::min(request->offset + request->length, request->fileSize);
+    long long cur = SectorOf(request->offset);
+    for (auto entry = sectors.lower_bound(cur); cur < end; cur += kSectorSize, ++entry) {
+        if (entry == sectors.end() || entry->first != cur ||
+            !IsCompleteNoLock(cur, entry->second)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 bool ReadonlyCache::FetchWholeFileNoLock(_READDATA* request) {
@@ -91,8 +113,8 @@ bool ReadonlyCache::FetchWholeFileNoLock(_READDATA* request) {
     return true;
 }
 
-AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::mutex>& guard, _READDATA* request,
-                                     QueueState state) {
+AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::shared_mutex>& guard, _READDATA* request,
+                                     QueueState& state) {
     // Nothing past the end of the file will ever arrive.
     const long long end = std::min(request->offset + request->length, request->fileSize);
     const long long first = SectorOf(request->offset);
@@ -161,6 +183,7 @@ AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::mutex>& guard, _READD
         // large fetch runs; once it has ended, the read's own time-out holds.
         const bool unlimited = state == QueueState::kWholeFile &&
                                largeFetch.load(std::memory_order_acquire) != nullptr;
+        const unsigned long long seen = mapVersion;
         guard.unlock();
         if (!waited) waited.emplace();
         const long long elapsed = waited->elapsed();
@@ -175,8 +198,8 @@ AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::mutex>& guard, _READD
             ClearReserved(request->offset, request->length);
             return AE_READ_NOT_SERVED;
         }
-        std::this_thread::sleep_for(kPollPeriod);
         guard.lock();
+        WaitForChangeNoLock(guard, seen);
     }
 }
 
@@ -211,8 +234,7 @@ AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request) {
             if (empty) spanStart = fileOffset;
             spanBytes += std::clamp(sector.offset + sector.length - fileOffset, 0LL,
                                     length - total - spanBytes);
-            ++sector.hits;
-            sector.time = now;
+            SectorHit(sector, now);
             if (!IsCompleteNoLock(cur, sector)) {
                 // Its bytes are the remote's, but the next ones are not here.
                 gap = true;

@@ -2,12 +2,11 @@
 //
 // A write may cover sectors only partly, so the sectors of its range that
 // are not cached are fetched first (reserved and queued like a read's); the
-// writer polls until none of them is reserved and then writes into their
+// writer waits until none of them is reserved and then writes into their
 // slots under the store's lock, so fetch writes and eviction cannot move a
 // slot under it.
 #include <algorithm>
 #include <chrono>
-#include <thread>
 
 #include "cache/file_io.h"
 #include "cache/readonly_cache.h"
@@ -42,7 +41,7 @@ AERROR ReadonlyCache::Write(_WRITEDATA* request) {
         return result;
     };
 
-    std::unique_lock<std::mutex> guard(lock);
+    std::unique_lock<std::shared_mutex> guard(lock);
     if (file == nullptr) return failed("[%s] Write failed : %p, %lld, %d", AE_INVALID_HANDLE);
     if (request->fetch != nullptr) {
         std::deque<long long> absent;
@@ -50,14 +49,13 @@ AERROR ReadonlyCache::Write(_WRITEDATA* request) {
             if (sectors.find(cur) == sectors.end()) absent.push_back(cur);
         }
         if (!absent.empty()) QueueEmptySectors(absent, request->fetch, request->handle);
-        guard.unlock();
 
-        // Wait until no sector of the range is reserved. The lock is taken
-        // per poll and never held while sleeping; the last successful scan
-        // keeps it for the writing below.
+        // Wait until no sector of the range is reserved, looking again at
+        // every change of the map and at least every poll period. The lock
+        // is never held while waiting; the last successful scan keeps it
+        // for the writing below.
         Chrono waited;
         for (;;) {
-            guard.lock();
             if (file == nullptr) {
                 return failed("[%s] Write failed : %p, %lld, %d", AE_INVALID_HANDLE);
             }
@@ -71,6 +69,7 @@ AERROR ReadonlyCache::Write(_WRITEDATA* request) {
                 pending = entry->second.reserved;
             }
             if (!pending) break;
+            const unsigned long long seen = mapVersion;
             guard.unlock();
             if (HandleState(request->handle) > 3) {
                 return failed("[%s] Write handle closed : %p, %lld, %d", AE_WRITE_FAILED);
@@ -78,7 +77,8 @@ AERROR ReadonlyCache::Write(_WRITEDATA* request) {
             if (request->timeout > -1 && waited.elapsed() > request->timeout) {
                 return failed("[%s] Write timed-out : %p, %lld, %d", AE_WRITE_FAILED);
             }
-            std::this_thread::sleep_for(kPollPeriod);
+            guard.lock();
+            WaitForChangeNoLock(guard, seen);
         }
     }
 
@@ -106,7 +106,10 @@ AERROR ReadonlyCache::Write(_WRITEDATA* request) {
         _SECTOR& sector =
             fresh ? InsertSectorNoLock(cur, _SECTOR{slot, 0, 0, false, now}) : entry->second;
         sector.offset = slot;
-        sector.reserved = false;
+        if (sector.reserved) {
+            sector.reserved = false;
+            SectorsChangedNoLock();
+        }
         // Deliberately the slot's position in the cache file minus the
         // sector's remote offset: the in-sector end of the write where the
         // two coincide, as in a store converted from a writable one.

@@ -46,11 +46,12 @@ bool FileFetcher::Stopped() const {
     return options_.stop != nullptr && options_.stop->load(std::memory_order_relaxed);
 }
 
-bool FileFetcher::Wait(double seconds) const {
-    constexpr double kStep = 0.05;
-    for (; seconds > 0; seconds -= kStep) {
+bool FileFetcher::WaitUntil(std::chrono::steady_clock::time_point due) const {
+    constexpr auto kStep = std::chrono::milliseconds(50);
+    for (auto now = std::chrono::steady_clock::now(); now < due;
+         now = std::chrono::steady_clock::now()) {
         if (Stopped()) return false;
-        std::this_thread::sleep_for(std::chrono::duration<double>(std::min(seconds, kStep)));
+        std::this_thread::sleep_until(std::min(due, now + kStep));
     }
     return !Stopped();
 }
@@ -58,9 +59,12 @@ bool FileFetcher::Wait(double seconds) const {
 AERROR FileFetcher::Fetch(long long offset, long long length, std::shared_ptr<_FS_HANDLE> handle,
                           IFetchCallback* sink) {
     calls_.fetch_add(1);
-    if (options_.latencyMs > 0 && !Wait(static_cast<double>(options_.latencyMs) / 1000)) {
-        return AE_HANDLE_CLOSED;
-    }
+    // Each piece is due at start + latency + (bytes so far) / bandwidth.
+    using Ms = std::chrono::duration<double, std::milli>;
+    const auto firstByte = std::chrono::steady_clock::now() +
+                           std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                               Ms(std::max(0.0, options_.latencyMs)));
+    if (!WaitUntil(firstByte)) return AE_HANDLE_CLOSED;
     const long long end = std::min(offset + length, size_);
     std::vector<char> piece;
     for (long long position = offset; position < end;) {
@@ -71,9 +75,13 @@ AERROR FileFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
         if (pread(fd_, piece.data(), count, position) != static_cast<ssize_t>(count)) {
             return AE_READ_FAILED;
         }
-        if (options_.bytesPerSecond > 0 &&
-            !Wait(static_cast<double>(count) / options_.bytesPerSecond)) {
-            return AE_HANDLE_CLOSED;
+        if (options_.bytesPerSecond > 0) {
+            const double seconds = static_cast<double>(pieceEnd - offset) / options_.bytesPerSecond;
+            if (!WaitUntil(firstByte +
+                           std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                               std::chrono::duration<double>(seconds)))) {
+                return AE_HANDLE_CLOSED;
+            }
         }
         long written = 0;
         const AERROR result =

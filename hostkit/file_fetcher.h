@@ -3,13 +3,16 @@
 // It delivers the requested range in sector-aligned pieces (each piece ends
 // on a multiple of 64 KiB or at the end of the file), clips requests at the
 // end of the file, and can simulate a network: a fixed latency per request
-// and a bandwidth. It counts calls and bytes delivered.
+// and a bandwidth per request, paced against the request's start so that
+// sleep granularity does not slow it down. It counts calls and bytes
+// delivered.
 //
 // Thread-safe: Fetch may run on many threads at once.
 #ifndef HOSTKIT_FILE_FETCHER_H_
 #define HOSTKIT_FILE_FETCHER_H_
 
 #include <atomic>
+#include <chrono>
 #include <string>
 
 #include "cache/cache.h"
@@ -17,7 +20,7 @@
 namespace hostkit {
 
 struct FetcherOptions {
-    long long latencyMs = 0;        // slept once per Fetch call
+    double latencyMs = 0;           // before a Fetch call's first byte
     double bytesPerSecond = 0;      // 0: unlimited
     long long hostHandle = 0x5eed;  // returned by GetHostHandle
     // When set and true, Fetch gives up with AE_HANDLE_CLOSED: its waits
@@ -47,8 +50,8 @@ class FileFetcher final : public IFetch {
     void ResetCounters();
 
   private:
-    // Sleeps `seconds` in short steps; false as soon as `stop` is set.
-    bool Wait(double seconds) const;
+    // Sleeps until `due` in short steps; false as soon as `stop` is set.
+    bool WaitUntil(std::chrono::steady_clock::time_point due) const;
     bool Stopped() const;
 
     int fd_;

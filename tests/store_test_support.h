@@ -25,7 +25,7 @@ namespace cache {
 class ReadonlyCachePeer {
   public:
     static std::map<long long, _SECTOR> Sectors(ReadonlyCache& store) {
-        std::lock_guard<std::mutex> guard(store.lock);
+        std::lock_guard<std::shared_mutex> guard(store.lock);
         return store.sectors;
     }
     static size_t SectorCount(ReadonlyCache& store) {
@@ -34,7 +34,7 @@ class ReadonlyCachePeer {
     }
     // Queues `slot` as free, as eviction would.
     static void AddFreeSlot(ReadonlyCache& store, long long slot) {
-        std::lock_guard<std::mutex> guard(store.lock);
+        std::lock_guard<std::shared_mutex> guard(store.lock);
         store.emptySlots.push_back(slot);
     }
 };
