@@ -205,10 +205,10 @@ AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::shared_mutex>& guard,
 
 AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request) {
     const long long first = SectorOf(request->offset);
-    // Bytes past the end of the file are not copied.
-    const long long length = request->fileSize <= request->offset
-                                 ? 0
-                                 : std::min(request->length, request->fileSize - request->offset);
+    // A range reaching past the end of the file meets an absent sector
+    // there: with a fetcher that fails the read, as any missing sector does,
+    // so a host clips its reads to the file size.
+    const long long length = request->length;
     const auto now = std::chrono::steady_clock::now();
     long long total = 0;
     long long cur = first;

@@ -29,7 +29,7 @@ class ReadonlyCachePeer {
         return store.sectors;
     }
     static size_t SectorCount(ReadonlyCache& store) {
-        std::lock_guard<std::mutex> guard(store.lock);
+        std::lock_guard<std::shared_mutex> guard(store.lock);
         return store.sectors.size();
     }
     // Queues `slot` as free, as eviction would.
