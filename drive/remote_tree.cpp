@@ -28,11 +28,12 @@ bool IsStrongEtag(const std::string& etag) {
 }  // namespace
 
 RemoteTree::RemoteTree(HttpClient* client, DriveLog* log, std::chrono::milliseconds ttl,
-                       int parallelProbes)
+                       int parallelProbes, bool webdav)
     : client_(client),
       log_(log),
       ttl_(ttl),
       parallelProbes_(parallelProbes),
+      webdav_(webdav),
       basePath_(PathOfUrl(client->baseUrl())) {
     Node& root = nodes_[kRootInode];
     root.info.inode = kRootInode;
@@ -114,6 +115,11 @@ void RemoteTree::MarkChanged(Inode inode) {
     nodes_.at(node->second.parent).listed = false;
 }
 
+void RemoteTree::MarkListingStale(Inode directory) {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (const auto node = nodes_.find(directory); node != nodes_.end()) node->second.listed = false;
+}
+
 void RemoteTree::LearnEtag(Inode inode, uint64_t version, const std::string& etag) {
     if (!IsStrongEtag(etag)) return;
     std::lock_guard<std::mutex> guard(lock_);
@@ -138,6 +144,7 @@ int RemoteTree::Refresh(Inode inode, std::chrono::milliseconds maxAge) {
     std::vector<ListingEntry> entries;
     if (const int error = FetchListing(path, &entries); error != 0) return error;
     std::vector<std::string> etags(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) etags[i] = entries[i].etag;
     const bool complete = std::all_of(entries.begin(), entries.end(), [](const ListingEntry& e) {
         return e.isDirectory || e.size >= 0;
     });
@@ -149,12 +156,29 @@ int RemoteTree::Refresh(Inode inode, std::chrono::milliseconds maxAge) {
 
 int RemoteTree::FetchListing(const std::string& path, std::vector<ListingEntry>* entries) {
     std::string body;
-    const HttpResponse response = client_->GetText(path, &body, kMaxListingBytes);
-    if (response.code != CURLE_OK || response.status != 200) {
+    HttpRequest request;
+    request.path = path;
+    if (webdav_) {
+        // Without a body PROPFIND asks for every property: sizes, times and
+        // ETags of all children in one answer.
+        request.method = "PROPFIND";
+        request.headers = {"Depth: 1"};
+    }
+    const HttpResponse response = client_->SendForText(request, &body, kMaxListingBytes);
+    const long expected = webdav_ ? 207 : 200;
+    if (response.code != CURLE_OK || response.status != expected) {
         log_->Error("Listing /%s failed: %s (HTTP %ld)", path.c_str(),
                     response.code != CURLE_OK ? response.error.c_str() : "bad status",
                     response.status);
         return response.status == 404 || response.status == 403 ? ENOENT : EIO;
+    }
+    if (webdav_) {
+        if (auto parsed = ParsePropfindListing(body, basePath_ + path)) {
+            *entries = std::move(*parsed);
+            return 0;
+        }
+        log_->Error("Listing /%s: the PROPFIND answer does not parse", path.c_str());
+        return EIO;
     }
     if (response.contentType.find("json") != std::string::npos) {
         if (auto parsed = ParseJsonListing(body)) {

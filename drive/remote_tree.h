@@ -1,6 +1,7 @@
 // The remote directory tree as the drive knows it: one node per remote file
-// or directory, numbered by inode, filled from the server's index pages and
-// refreshed when a listing is older than its time-to-live.
+// or directory, numbered by inode, filled from the server's index pages (or
+// its WebDAV PROPFIND answers) and refreshed when a listing is older than
+// its time-to-live.
 //
 // Thread-safe: one lock guards the nodes; listings are fetched without it,
 // so two threads may list the same directory at once (the later merge wins).
@@ -44,8 +45,9 @@ class RemoteTree {
   public:
     // Lists through `client` (not owned); listings live for `ttl`; at most
     // `parallelProbes` HEAD requests run at once for an HTML listing.
+    // `webdav`: directories are listed with PROPFIND instead of GET.
     RemoteTree(HttpClient* client, DriveLog* log, std::chrono::milliseconds ttl,
-               int parallelProbes);
+               int parallelProbes, bool webdav = false);
     RemoteTree(const RemoteTree&) = delete;
     RemoteTree& operator=(const RemoteTree&) = delete;
 
@@ -64,6 +66,9 @@ class RemoteTree {
     // The server reported that `inode` changed: its directory is listed
     // again on the next use.
     void MarkChanged(Inode inode);
+    // The drive changed directory `directory` on the server: it is listed
+    // again on the next use.
+    void MarkListingStale(Inode directory);
     // Records the ETag a response gave for version `version` of `inode`
     // when none is known yet.
     void LearnEtag(Inode inode, uint64_t version, const std::string& etag);
@@ -104,6 +109,7 @@ class RemoteTree {
     DriveLog* const log_;
     const std::chrono::milliseconds ttl_;
     const int parallelProbes_;
+    const bool webdav_;
     std::string basePath_;  // path part of the base URL, for absolute links
 
     std::mutex lock_;
