@@ -223,9 +223,8 @@ void Create(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t, fuse_fi
         if (fi->flags & O_EXCL) request.headers.push_back("If-None-Match: *");
         error = ChangeError(context, "Creating", path, context.client->Send(request, {}));
     }
-    context.tree->MarkListingStale(parent);
     NodeInfo info;
-    if (error == 0) error = context.tree->Lookup(parent, name, &info);
+    if (error == 0) error = context.tree->Added(parent, name, &info);
     std::unique_ptr<OpenHandle> handle;
     fi->flags |= O_TRUNC;
     if (error == 0) error = OpenFile(context, info, fi, &handle);
@@ -368,16 +367,111 @@ void SetAttr(fuse_req_t req, fuse_ino_t inode, struct stat* wanted, int fields,
     }
     GetAttr(req, inode, fi);
 }
-void MkDir(fuse_req_t req, fuse_ino_t, const char*, mode_t) {
-    fuse_reply_err(req, EROFS);
+// Sends `method` for the child `name` of `parent` (a directory when
+// `directory`), with further `headers`; the parent is listed again
+// afterwards. Returns 0 or an errno value.
+int ChangeChild(FuseContext& context, const char* method, fuse_ino_t parent, const char* name,
+                bool directory, std::vector<std::string> headers = {}) {
+    std::string path;
+    if (const int error = ChildPath(context, parent, name, &path); error != 0) return error;
+    if (directory) path += '/';
+    HttpRequest request;
+    request.path = path;
+    request.method = method;
+    request.headers = std::move(headers);
+    const int error = ChangeError(context, method, path, context.client->Send(request, {}));
+    context.tree->MarkListingStale(parent);
+    return error;
+}
+
+void MkDir(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t) {
+    FuseContext& context = Context(req);
+    NodeInfo info;
+    int error = context.writable ? 0 : EROFS;
+    if (error == 0 && context.tree->Lookup(parent, name, &info) == 0) error = EEXIST;
+    if (error == 0) error = ChangeChild(context, "MKCOL", parent, name, true);
+    if (error == 0) error = context.tree->Lookup(parent, name, &info);
+    if (error != 0) {
+        fuse_reply_err(req, error);
+        return;
+    }
+    fuse_entry_param entry;
+    memset(&entry, 0, sizeof entry);
+    entry.ino = info.inode;
+    entry.attr = AttributesOf(context, info);
+    entry.attr_timeout = context.attributeTtl;
+    entry.entry_timeout = context.attributeTtl;
+    fuse_reply_entry(req, &entry);
+}
+
+// Checks that child `name` of `parent` exists and is a directory exactly
+// when `directory`, and (for a directory) that it is empty: the server's
+// DELETE and MOVE remove whole trees. Fills `info`.
+int CheckChild(FuseContext& context, fuse_ino_t parent, const char* name, bool directory,
+               NodeInfo* info) {
+    if (const int error = context.tree->Lookup(parent, name, info); error != 0) return error;
+    if (info->isDirectory != directory) return directory ? ENOTDIR : EISDIR;
+    if (!directory) return 0;
+    std::vector<DirEntry> entries;
+    if (const int error = context.tree->List(info->inode, &entries); error != 0) return error;
+    return entries.empty() ? 0 : ENOTEMPTY;
+}
+
+void Remove(fuse_req_t req, fuse_ino_t parent, const char* name, bool directory) {
+    FuseContext& context = Context(req);
+    NodeInfo info;
+    int error = context.writable ? 0 : EROFS;
+    if (error == 0) error = CheckChild(context, parent, name, directory, &info);
+    if (error == 0) error = ChangeChild(context, "DELETE", parent, name, directory);
+    if (error == 0 && !directory) context.files->Removed(info.inode);
+    fuse_reply_err(req, error);
+}
+void Unlink(fuse_req_t req, fuse_ino_t parent, const char* name) {
+    Remove(req, parent, name, false);
+}
+void RmDir(fuse_req_t req, fuse_ino_t parent, const char* name) {
+    Remove(req, parent, name, true);
+}
+
+// MOVE with the destination's full URL; a file's pending changes are sent
+// first, so that the server moves the current bytes.
+void Rename(fuse_req_t req, fuse_ino_t parent, const char* name, fuse_ino_t newParent,
+            const char* newName, unsigned int flags) {
+    FuseContext& context = Context(req);
+    NodeInfo source;
+    NodeInfo target;
+    std::string targetPath;
+    int error = context.writable ? 0 : EROFS;
+    if (error == 0 && (flags & ~RENAME_NOREPLACE) != 0) error = EINVAL;
+    if (error == 0) error = context.tree->Lookup(parent, name, &source);
+    if (error == 0) {
+        const int found = CheckChild(context, newParent, newName, source.isDirectory, &target);
+        if (found == 0 && (flags & RENAME_NOREPLACE)) {
+            error = EEXIST;
+        } else if (found != ENOENT) {
+            error = found;
+        }
+    }
+    if (error == 0) error = ChildPath(context, newParent, newName, &targetPath);
+    if (error == 0 && !source.isDirectory) error = context.files->UploadPending(source.inode);
+    if (error == 0) {
+        const std::string slash = source.isDirectory ? "/" : "";
+        error = ChangeChild(context, "MOVE", parent, name, source.isDirectory,
+                            {"Destination: " + context.client->baseUrl() + targetPath + slash,
+                             std::string("Overwrite: ") + (flags & RENAME_NOREPLACE ? "F" : "T")});
+        context.tree->MarkListingStale(newParent);
+    }
+    NodeInfo moved;
+    Inode replaced = 0;
+    if (error == 0 &&
+        context.tree->Renamed(parent, name, newParent, newName, &moved, &replaced) == 0 &&
+        !moved.isDirectory) {
+        if (replaced != 0) context.files->Removed(replaced);
+        context.files->Moved(moved);
+    }
+    fuse_reply_err(req, error);
 }
 void MkNod(fuse_req_t req, fuse_ino_t, const char*, mode_t, dev_t) {
-    fuse_reply_err(req, EROFS);
-}
-void Remove(fuse_req_t req, fuse_ino_t, const char*) {
-    fuse_reply_err(req, EROFS);
-}
-void Rename(fuse_req_t req, fuse_ino_t, const char*, fuse_ino_t, const char*, unsigned int) {
     fuse_reply_err(req, EROFS);
 }
 void SymLink(fuse_req_t req, const char*, fuse_ino_t, const char*) {
@@ -407,8 +501,8 @@ fuse_lowlevel_ops MakeOperations() {
     ops.create = Create;
     ops.mkdir = MkDir;
     ops.mknod = MkNod;
-    ops.unlink = Remove;
-    ops.rmdir = Remove;
+    ops.unlink = Unlink;
+    ops.rmdir = RmDir;
     ops.rename = Rename;
     ops.symlink = SymLink;
     ops.link = Link;

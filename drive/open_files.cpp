@@ -1,5 +1,6 @@
 #include "drive/open_files.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 
@@ -75,11 +76,7 @@ int OpenFiles::Open(const NodeInfo& info, std::unique_ptr<OpenHandle>* opened, b
         slot.reset();
     }
     if (!slot) {
-        auto file = std::make_shared<CachedFile>();
-        file->info = info;
-        file->size.store(info.size);
-        file->objectName = "i" + std::to_string(info.inode) + "v" + std::to_string(info.version);
-        file->fetcher = std::make_unique<HttpFetcher>(info, client_, tree_, log_, stats_, policy_);
+        std::shared_ptr<CachedFile> file = MakeFile(info);
         try {
             file->object =
                 cache_->Open(file->objectName.c_str(), 'r', info.size, file->fetcher.get());
@@ -127,6 +124,16 @@ void OpenFiles::Release(std::unique_ptr<OpenHandle> handle) {
     }
     unused_.push_back(file);
     TrimUnusedNoLock();
+}
+
+std::shared_ptr<CachedFile> OpenFiles::MakeFile(const NodeInfo& info) {
+    auto file = std::make_shared<CachedFile>();
+    file->info = info;
+    file->size.store(info.size);
+    file->path = info.path;
+    file->objectName = "i" + std::to_string(info.inode) + "v" + std::to_string(info.version);
+    file->fetcher = std::make_unique<HttpFetcher>(info, client_, tree_, log_, stats_, policy_);
+    return file;
 }
 
 void OpenFiles::CloseNoLock(const std::shared_ptr<CachedFile>& file) {
@@ -202,12 +209,12 @@ int OpenFiles::Truncate(OpenHandle* handle, long long size) {
 
 int OpenFiles::Upload(CachedFile& file) {
     std::lock_guard<std::mutex> guard(file.writeLock);
-    if (!file.dirty) return 0;
+    if (!file.dirty || file.path.empty()) return 0;
     const long long size = file.size.load();
     const std::shared_ptr<_FS_HANDLE> record = OpenRecord(file.info.inode);
     long long sent = 0;
     HttpRequest request;
-    request.path = file.info.path;
+    request.path = file.path;
     request.ifMatch = file.etag;
     request.uploadSize = size;
     // Reads the complete local copy; nothing is fetched.
@@ -226,7 +233,7 @@ int OpenFiles::Upload(CachedFile& file) {
     };
     const HttpResponse response = client_->Send(request, {});
     if (response.code != CURLE_OK || response.status / 100 != 2) {
-        log_->Error("Uploading /%s failed: %s (HTTP %ld)", file.info.path.c_str(),
+        log_->Error("Uploading /%s failed: %s (HTTP %ld)", file.path.c_str(),
                     response.code != CURLE_OK ? response.error.c_str() : "refused",
                     response.status);
         return response.status == 412 ? EBUSY : EIO;
@@ -236,6 +243,67 @@ int OpenFiles::Upload(CachedFile& file) {
     file.etag = response.etag.rfind("W/", 0) == 0 ? std::string() : response.etag;
     tree_->MarkChanged(file.info.inode);
     return 0;
+}
+
+std::shared_ptr<CachedFile> OpenFiles::DetachNoLock(Inode inode) {
+    const auto found = current_.find(inode);
+    if (found == current_.end()) return nullptr;
+    std::shared_ptr<CachedFile> file = std::move(found->second);
+    current_.erase(found);
+    lastOpenedVersion_.erase(inode);
+    if (file->openers == 0) {
+        unused_.remove(file);
+        CloseNoLock(file);
+    }
+    return file;
+}
+
+int OpenFiles::UploadPending(Inode inode) {
+    std::shared_ptr<CachedFile> file;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        const auto found = current_.find(inode);
+        if (found == current_.end()) return 0;
+        file = found->second;
+    }
+    return Upload(*file);
+}
+
+void OpenFiles::Moved(const NodeInfo& to) {
+    std::lock_guard<std::mutex> guard(lock_);
+    const auto found = current_.find(to.inode);
+    if (found == current_.end()) return;
+    std::shared_ptr<CachedFile>& slot = found->second;
+    if (slot->writing.load()) {
+        std::lock_guard<std::mutex> writeGuard(slot->writeLock);
+        slot->path = to.path;
+        return;
+    }
+    if (slot->openers > 0) return;
+    std::shared_ptr<CachedFile> file = MakeFile(to);
+    if (cache_->Rehash(slot->objectName.c_str(), file->objectName.c_str(), to.path.c_str()) !=
+        AE_OK) {
+        unused_.remove(slot);
+        CloseNoLock(slot);
+        current_.erase(found);
+        return;
+    }
+    file->object = std::move(slot->object);
+    std::replace(unused_.begin(), unused_.end(), slot, file);
+    slot = std::move(file);
+    lastOpenedVersion_[to.inode] = to.version;
+}
+
+void OpenFiles::Removed(Inode inode) {
+    std::shared_ptr<CachedFile> file;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        file = DetachNoLock(inode);
+    }
+    if (!file) return;
+    std::lock_guard<std::mutex> writeGuard(file->writeLock);
+    file->dirty = false;
+    file->path.clear();
 }
 
 long long OpenFiles::LocalSize(Inode inode) {

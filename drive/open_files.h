@@ -48,6 +48,9 @@ struct CachedFile {
     int writers = 0;       // GUARDED_BY(writeLock)
     bool dirty = false;    // GUARDED_BY(writeLock); changes the server has not taken
     std::string etag;      // GUARDED_BY(writeLock); the server's version the changes apply to
+    // GUARDED_BY(writeLock). Where uploads go: follows renames; empty once
+    // the file was removed, so that nothing brings it back.
+    std::string path;
 };
 
 // One open of a file by the kernel, with its own handle record.
@@ -92,6 +95,16 @@ class OpenFiles {
     // Returns 0 (also when nothing is pending), EBUSY when the server's file
     // changed meanwhile, or EIO.
     int Upload(CachedFile& file);
+    // Upload of `inode`'s pending changes, if it has any.
+    int UploadPending(Inode inode);
+    // The file `to.inode` was renamed on the server; `to` is what the
+    // tree knows of it now. A copy being written uploads to the new path;
+    // an unused object follows the file under its new name, with a fetcher
+    // for the new path; an object being read is replaced at the next open.
+    void Moved(const NodeInfo& to);
+    // The file `inode` was removed on the server: pending changes are
+    // dropped and later ones never uploaded.
+    void Removed(Inode inode);
     // The size of `inode` while a local copy of it is being written;
     // -1 otherwise.
     long long LocalSize(Inode inode);
@@ -99,6 +112,11 @@ class OpenFiles {
   private:
     // REQUIRES: lock_ held. Closes `file` in the cache.
     void CloseNoLock(const std::shared_ptr<CachedFile>& file);
+    // REQUIRES: lock_ held. Takes `inode`'s object out of the table; it is
+    // closed now when unused, else by its last Release.
+    std::shared_ptr<CachedFile> DetachNoLock(Inode inode);
+    // A new entry for version `info.version` of a file, without its object.
+    std::shared_ptr<CachedFile> MakeFile(const NodeInfo& info);
     // REQUIRES: lock_ held. Closes the oldest unused objects beyond the bound.
     void TrimUnusedNoLock();
 

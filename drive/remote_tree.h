@@ -46,8 +46,8 @@ class RemoteTree {
     // Lists through `client` (not owned); listings live for `ttl`; at most
     // `parallelProbes` HEAD requests run at once for an HTML listing.
     // `webdav`: directories are listed with PROPFIND instead of GET.
-    RemoteTree(HttpClient* client, DriveLog* log, std::chrono::milliseconds ttl,
-               int parallelProbes, bool webdav = false);
+    RemoteTree(HttpClient* client, DriveLog* log, std::chrono::milliseconds ttl, int parallelProbes,
+               bool webdav = false);
     RemoteTree(const RemoteTree&) = delete;
     RemoteTree& operator=(const RemoteTree&) = delete;
 
@@ -69,6 +69,17 @@ class RemoteTree {
     // The drive changed directory `directory` on the server: it is listed
     // again on the next use.
     void MarkListingStale(Inode directory);
+    // The drive created the empty file `name` in `parent` on the server:
+    // the node is there at once. Returns 0 and fills `info`, or EISDIR.
+    int Added(Inode parent, const std::string& name, NodeInfo* info);
+    // The drive moved child `name` of `parent` to `newName` in `newParent`
+    // on the server: the node keeps its inode (the kernel's name now points
+    // to it), gets its new path, and a new version, as its fetches must go
+    // to the new path. Paths under a moved directory follow. Fills `moved`
+    // and, when a node was replaced, `replaced` (else 0). Returns 0 or
+    // ENOENT.
+    int Renamed(Inode parent, const std::string& name, Inode newParent, const std::string& newName,
+                NodeInfo* moved, Inode* replaced);
     // Records the ETag a response gave for version `version` of `inode`
     // when none is known yet.
     void LearnEtag(Inode inode, uint64_t version, const std::string& etag);
@@ -79,6 +90,9 @@ class RemoteTree {
         Inode parent = 0;
         bool gone = false;    // no longer in its directory's listing
         bool probed = false;  // size and times come from HEAD, not from the listing
+        // Created or moved here by the drive: kept while a HEAD finds it,
+        // also when listings leave it out (servers hide some names).
+        bool pinned = false;
         std::chrono::steady_clock::time_point checkedAt;  // when they were last learnt
         std::map<std::string, Inode> children;
         bool listed = false;
@@ -91,6 +105,10 @@ class RemoteTree {
     // Fetches and parses the listing of the directory at `path`. Returns 0
     // or an errno value.
     int FetchListing(const std::string& path, std::vector<ListingEntry>* entries);
+    // Adds to the listing of `directory` the pinned files it leaves out
+    // that the server still has.
+    void KeepPinned(Inode directory, std::vector<ListingEntry>* entries,
+                    std::vector<std::string>* etags);
     // Fills size, time and ETag of the HTML listing's files with HEAD
     // requests (a ranged GET where HEAD is refused).
     void Probe(const std::string& directoryPath, std::vector<ListingEntry>* entries,

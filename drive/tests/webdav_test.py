@@ -214,6 +214,49 @@ class WebDavDriveTest(unittest.TestCase):
         with open(drive.path("f"), "rb") as f:
             self.assertEqual(f.read(), bytes(expected))
 
+    def test_directories_renames_and_removals(self):
+        drive = self.mount()
+        os.mkdir(drive.path("d"))
+        self.assertTrue(os.path.isdir(os.path.join(self.share, "d")))
+        with open(drive.path("d", "a"), "wb") as f:
+            f.write(b"first")
+        os.rename(drive.path("d", "a"), drive.path("b"))
+        self.assertEqual(sorted(os.listdir(drive.point)), ["b", "d", "sub dir"])
+        self.assertEqual(os.listdir(drive.path("d")), [])
+        with open(drive.path("b"), "rb") as f:
+            self.assertEqual(f.read(), b"first")
+        # A writer keeps its file across a rename: later changes go to the new name.
+        with open(drive.path("b"), "r+b") as f:
+            f.write(b"F")
+            os.rename(drive.path("b"), drive.path("d", "c"))
+            f.write(b"I")
+        with open(os.path.join(self.share, "d", "c"), "rb") as f:
+            self.assertEqual(f.read(), b"FIrst")
+        self.assertFalse(os.path.exists(os.path.join(self.share, "b")))
+        with self.assertRaises(OSError) as caught:
+            os.rmdir(drive.path("d"))
+        self.assertEqual(caught.exception.errno, errno.ENOTEMPTY)
+        os.unlink(drive.path("d", "c"))
+        os.rmdir(drive.path("d"))
+        self.assertEqual(os.listdir(self.share), ["sub dir"])
+        self.assertEqual(os.listdir(drive.point), ["sub dir"])
+
+    def test_editor_style_save_replaces_the_file(self):
+        self.put_on_server("doc.txt", b"version 1\n" * 1000)
+        drive = self.mount()
+        with open(drive.path("doc.txt"), "rb") as f:
+            self.assertEqual(f.read(10), b"version 1\n")
+        fd = os.open(drive.path(".doc.txt.swp"), os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o644)
+        os.write(fd, b"version 2\n")
+        os.fsync(fd)
+        os.close(fd)
+        os.rename(drive.path(".doc.txt.swp"), drive.path("doc.txt"))
+        with open(os.path.join(self.share, "doc.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"version 2\n")
+        with open(drive.path("doc.txt"), "rb") as f:
+            self.assertEqual(f.read(), b"version 2\n")
+        self.assertEqual(sorted(os.listdir(self.share)), ["doc.txt", "sub dir"])
+
     def test_failed_upload_fails_close_and_a_later_fsync_sends_it(self):
         self.put_on_server("f", b"old")
         drive = self.mount()
