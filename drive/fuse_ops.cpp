@@ -47,6 +47,18 @@ struct stat AttributesOf(const FuseContext& context, NodeInfo info) {
     return attributes;
 }
 
+// The kernel's entry for `info`: its inode and attributes, kept for the
+// attribute time-to-live.
+fuse_entry_param EntryOf(const FuseContext& context, const NodeInfo& info) {
+    fuse_entry_param entry;
+    memset(&entry, 0, sizeof entry);
+    entry.ino = info.inode;
+    entry.attr = AttributesOf(context, info);
+    entry.attr_timeout = context.attributeTtl;
+    entry.entry_timeout = context.attributeTtl;
+    return entry;
+}
+
 OpenHandle* HandleOf(const fuse_file_info* fi) {
     return reinterpret_cast<OpenHandle*>(static_cast<uintptr_t>(fi->fh));
 }
@@ -66,12 +78,7 @@ void Lookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
         fuse_reply_err(req, error);
         return;
     }
-    fuse_entry_param entry;
-    memset(&entry, 0, sizeof entry);
-    entry.ino = info.inode;
-    entry.attr = AttributesOf(context, info);
-    entry.attr_timeout = context.attributeTtl;
-    entry.entry_timeout = context.attributeTtl;
+    const fuse_entry_param entry = EntryOf(context, info);
     fuse_reply_entry(req, &entry);
 }
 
@@ -232,12 +239,7 @@ void Create(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t, fuse_fi
         fuse_reply_err(req, error == EBUSY ? EEXIST : error);
         return;
     }
-    fuse_entry_param entry;
-    memset(&entry, 0, sizeof entry);
-    entry.ino = info.inode;
-    entry.attr = AttributesOf(context, info);
-    entry.attr_timeout = context.attributeTtl;
-    entry.entry_timeout = context.attributeTtl;
+    const fuse_entry_param entry = EntryOf(context, info);
     if (fuse_reply_create(req, &entry, fi) == 0) {
         handle.release();
     } else {
@@ -395,12 +397,7 @@ void MkDir(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t) {
         fuse_reply_err(req, error);
         return;
     }
-    fuse_entry_param entry;
-    memset(&entry, 0, sizeof entry);
-    entry.ino = info.inode;
-    entry.attr = AttributesOf(context, info);
-    entry.attr_timeout = context.attributeTtl;
-    entry.entry_timeout = context.attributeTtl;
+    const fuse_entry_param entry = EntryOf(context, info);
     fuse_reply_entry(req, &entry);
 }
 
