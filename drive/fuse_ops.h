@@ -1,6 +1,7 @@
 // The file system the kernel sees: libfuse's low-level operations mapped
 // onto the remote tree (names, attributes, listings) and the cache objects
-// (open, read, release). Writes answer EROFS.
+// (open, read, write, release). On a read-only remote every change answers
+// EROFS.
 //
 // Thread-safe: libfuse's multi-threaded loop calls the operations from many
 // threads; each operation uses only thread-safe parts.
@@ -9,6 +10,7 @@
 
 #include <fuse_lowlevel.h>
 
+#include "drive/http_client.h"
 #include "drive/log.h"
 #include "drive/open_files.h"
 #include "drive/remote_tree.h"
@@ -22,6 +24,8 @@ struct FuseContext {
     OpenFiles* files = nullptr;
     Stats* stats = nullptr;
     DriveLog* log = nullptr;
+    HttpClient* client = nullptr;
+    bool writable = false;      // the remote takes changes (WebDAV)
     bool directIo = false;      // the kernel bypasses its page cache
     double attributeTtl = 1.0;  // seconds the kernel keeps names and attributes
 };

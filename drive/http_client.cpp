@@ -49,6 +49,8 @@ size_t OnHeader(char* data, size_t size, size_t count, void* context) {
         response.contentRange = value;
     } else if (HeaderIs(line, "ETag", &value)) {
         response.etag = value;
+    } else if (HeaderIs(line, "DAV", &value)) {
+        response.dav = value;
     } else if (HeaderIs(line, "Content-Length", &value)) {
         response.contentLength = std::strtoll(std::string(value).c_str(), nullptr, 10);
     } else if (HeaderIs(line, "Last-Modified", &value)) {
@@ -72,6 +74,12 @@ size_t OnBody(char* data, size_t size, size_t count, void* context) {
 int OnProgress(void* context, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
     const auto* keepGoing = static_cast<const std::function<bool()>*>(context);
     return (*keepGoing)() ? 0 : 1;
+}
+
+size_t OnUpload(char* buffer, size_t size, size_t count, void* context) {
+    const auto* upload = static_cast<const std::function<long long(char*, size_t)>*>(context);
+    const long long filled = (*upload)(buffer, size * count);
+    return filled < 0 ? CURL_READFUNC_ABORT : static_cast<size_t>(filled);
 }
 
 }  // namespace
@@ -134,6 +142,8 @@ HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) 
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, OnBody);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &transfer);
     if (request.headOnly) curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
+    if (!request.method.empty())
+        curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, request.method.c_str());
     if (request.keepGoing) {
         curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
         curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, OnProgress);
@@ -145,10 +155,25 @@ HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) 
         curl_easy_setopt(handle, CURLOPT_RANGE, range.c_str());
     }
     std::unique_ptr<curl_slist, void (*)(curl_slist*)> headers(nullptr, curl_slist_free_all);
-    if (!request.ifMatch.empty()) {
-        headers.reset(curl_slist_append(nullptr, ("If-Match: " + request.ifMatch).c_str()));
-        curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
+    std::vector<std::string> headerLines = request.headers;
+    if (request.uploadSize >= 0) {
+        curl_easy_setopt(handle, CURLOPT_UPLOAD, 1L);
+        curl_easy_setopt(handle, CURLOPT_INFILESIZE_LARGE,
+                         static_cast<curl_off_t>(request.uploadSize));
+        curl_easy_setopt(handle, CURLOPT_READFUNCTION, OnUpload);
+        curl_easy_setopt(handle, CURLOPT_READDATA, &request.upload);
+        // The body follows at once: waiting for "100 Continue" costs a round trip.
+        headerLines.push_back("Expect:");
     }
+    if (!request.ifMatch.empty()) headerLines.push_back("If-Match: " + request.ifMatch);
+    for (const std::string& line : headerLines) {
+        // On failure curl_slist_append returns null and leaves the list as it was.
+        if (curl_slist* grown = curl_slist_append(headers.get(), line.c_str())) {
+            headers.release();
+            headers.reset(grown);
+        }
+    }
+    if (headers) curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
     Stats::Add(stats_->requests, 1);
     transfer.response.code = curl_easy_perform(handle);
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &transfer.response.status);
@@ -160,15 +185,14 @@ HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) 
     return std::move(transfer.response);
 }
 
-HttpResponse HttpClient::GetText(const std::string& path, std::string* body, size_t maxBytes) {
+HttpResponse HttpClient::SendForText(const HttpRequest& request, std::string* body,
+                                     size_t maxBytes) {
     body->clear();
     const BodySink collect = [body, maxBytes](const HttpResponse&, const char* data, size_t size) {
         if (body->size() + size > maxBytes) return false;
         body->append(data, size);
         return true;
     };
-    HttpRequest request;
-    request.path = path;
     return Send(request, collect);
 }
 

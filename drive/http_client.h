@@ -20,10 +20,17 @@ namespace drive {
 
 struct HttpRequest {
     std::string path;           // percent-encoded, relative to the base URL
+    std::string method;         // e.g. "PROPFIND"; empty for GET (or HEAD with headOnly)
     bool headOnly = false;      // HEAD instead of GET
     long long rangeFirst = -1;  // with rangeLast: "Range: bytes=first-last"
     long long rangeLast = -1;
-    std::string ifMatch;  // sent as If-Match when not empty
+    std::string ifMatch;               // sent as If-Match when not empty
+    std::vector<std::string> headers;  // further header lines ("Depth: 1")
+    // With `uploadSize` >= 0 the request sends a body of that many bytes
+    // (PUT unless `method` says otherwise), pulled from `upload`: it fills
+    // up to `size` bytes and returns how many, or -1 to abandon the transfer.
+    long long uploadSize = -1;
+    std::function<long long(char* buffer, size_t size)> upload;
     // Asked while the transfer runs, also when no byte arrives; false
     // abandons it (CURLE_ABORTED_BY_CALLBACK).
     std::function<bool()> keepGoing;
@@ -36,6 +43,7 @@ struct HttpResponse {
     std::string contentType;
     std::string contentRange;
     std::string etag;
+    std::string dav;  // the DAV header: the WebDAV classes the server supports
     long long contentLength = -1;
     long long lastModified = -1;  // seconds since the epoch
 };
@@ -64,9 +72,9 @@ class HttpClient {
     // HEAD). Blocks until the transfer ends.
     HttpResponse Send(const HttpRequest& request, const BodySink& sink);
 
-    // GET of `path` with the body collected into `body`; a body longer than
-    // `maxBytes` ends the transfer with CURLE_WRITE_ERROR.
-    HttpResponse GetText(const std::string& path, std::string* body, size_t maxBytes);
+    // Sends `request` with the body collected into `body`; a body longer
+    // than `maxBytes` ends the transfer with CURLE_WRITE_ERROR.
+    HttpResponse SendForText(const HttpRequest& request, std::string* body, size_t maxBytes);
 
     const std::string& baseUrl() const { return baseUrl_; }
 

@@ -146,6 +146,124 @@ std::optional<ListingEntry> EntryOfLink(std::string link, std::string_view direc
     return entry;
 }
 
+// The child entry a multistatus href names, or nullopt when it is the
+// directory itself or lies elsewhere. Compared decoded: servers escape
+// names differently than the drive does.
+std::optional<ListingEntry> EntryOfHref(std::string href, std::string_view directoryPath) {
+    if (const size_t scheme = href.find("://"); scheme != std::string::npos) {
+        const size_t path = href.find('/', scheme + 3);
+        if (path == std::string::npos) return std::nullopt;
+        href = href.substr(path);
+    }
+    const std::optional<std::string> path = PercentDecode(href);
+    const std::optional<std::string> directory = PercentDecode(directoryPath);
+    if (!path || !directory || path->compare(0, directory->size(), *directory) != 0) {
+        return std::nullopt;
+    }
+    ListingEntry entry;
+    entry.name = path->substr(directory->size());
+    if (!entry.name.empty() && entry.name.back() == '/') {
+        entry.isDirectory = true;
+        entry.name.pop_back();
+    }
+    if (!UsableName(entry.name)) return std::nullopt;
+    return entry;
+}
+
+// Collects the entries of a multistatus body, one element event at a time.
+// Elements are matched by local name: servers choose their own prefix for
+// the "DAV:" namespace.
+class MultistatusReader {
+  public:
+    explicit MultistatusReader(std::string_view directoryPath) : directoryPath_(directoryPath) {}
+
+    void Open(std::string_view name) {
+        if (name == "multistatus") {
+            sawMultistatus_ = true;
+        } else if (name == "response") {
+            href_.reset();
+            current_ = ListingEntry();
+            collection_ = false;
+        } else if (name == "propstat") {
+            found_ = ListingEntry();
+            foundCollection_ = false;
+            propstatOk_ = false;
+            inPropstat_ = true;
+        } else if (name == "collection") {
+            foundCollection_ = true;
+        }
+    }
+
+    void Close(std::string_view name, const std::string& text) {
+        if (name == "href" && !href_) {
+            href_ = text;
+        } else if (name == "getcontentlength") {
+            char* end = nullptr;
+            const long long size = std::strtoll(text.c_str(), &end, 10);
+            if (!text.empty() && *end == '\0' && size >= 0) found_.size = size;
+        } else if (name == "getlastmodified") {
+            found_.mtime = ParseHttpDate(text.c_str());
+        } else if (name == "getetag") {
+            found_.etag = text;
+        } else if (name == "status" && inPropstat_) {
+            // "HTTP/1.1 200 OK": only properties found (2xx) count.
+            const size_t space = text.find(' ');
+            propstatOk_ = space != std::string::npos && text.compare(space + 1, 1, "2") == 0;
+        } else if (name == "propstat") {
+            inPropstat_ = false;
+            if (!propstatOk_) return;
+            if (found_.size >= 0) current_.size = found_.size;
+            if (found_.mtime >= 0) current_.mtime = found_.mtime;
+            if (!found_.etag.empty()) current_.etag = found_.etag;
+            collection_ = collection_ || foundCollection_;
+        } else if (name == "response") {
+            Finish();
+        }
+    }
+
+    bool sawMultistatus() const { return sawMultistatus_; }
+    std::vector<ListingEntry> TakeEntries() { return std::move(entries_); }
+
+  private:
+    void Finish() {
+        if (!href_) return;
+        std::optional<ListingEntry> entry = EntryOfHref(*href_, directoryPath_);
+        if (!entry || !seen_.insert(entry->name).second) return;
+        entry->isDirectory = entry->isDirectory || collection_;
+        if (!entry->isDirectory) entry->size = current_.size;
+        entry->mtime = current_.mtime;
+        entry->etag = current_.etag;
+        entries_.push_back(std::move(*entry));
+    }
+
+    const std::string_view directoryPath_;
+    bool sawMultistatus_ = false;
+    std::vector<ListingEntry> entries_;
+    std::set<std::string> seen_;
+    // The response being read.
+    std::optional<std::string> href_;
+    ListingEntry current_;
+    bool collection_ = false;
+    // The propstat being read.
+    ListingEntry found_;
+    bool foundCollection_ = false;
+    bool propstatOk_ = false;
+    bool inPropstat_ = false;
+};
+
+std::string_view LocalName(std::string_view tag) {
+    const size_t end = tag.find_first_of(" \t\r\n/");
+    tag = tag.substr(0, end);
+    const size_t colon = tag.find(':');
+    return colon == std::string_view::npos ? tag : tag.substr(colon + 1);
+}
+
+std::string_view Trim(std::string_view text) {
+    const size_t first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string_view::npos) return {};
+    return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
+}
+
 }  // namespace
 
 std::optional<std::string> PercentDecode(std::string_view text) {
@@ -228,6 +346,39 @@ std::vector<ListingEntry> ParseHtmlListing(std::string_view html, std::string_vi
         if (entry && seen.insert(entry->name).second) entries.push_back(std::move(*entry));
     }
     return entries;
+}
+
+std::optional<std::vector<ListingEntry>> ParsePropfindListing(std::string_view xml,
+                                                              std::string_view directoryPath) {
+    MultistatusReader reader(directoryPath);
+    std::string text;  // character data since the last tag, decoded
+    size_t at = 0;
+    for (size_t open; (open = xml.find('<', at)) != std::string_view::npos;) {
+        text.append(DecodeEntities(xml.substr(at, open - at)));
+        const std::string_view rest = xml.substr(open);
+        if (rest.rfind("<![CDATA[", 0) == 0) {
+            const size_t end = rest.find("]]>");
+            if (end == std::string_view::npos) return std::nullopt;
+            text.append(rest.substr(9, end - 9));
+            at = open + end + 3;
+            continue;
+        }
+        const bool comment = rest.rfind("<!--", 0) == 0;
+        const size_t close = comment ? rest.find("-->") : rest.find('>');
+        if (close == std::string_view::npos) return std::nullopt;
+        at = open + close + (comment ? 3 : 1);
+        if (comment || rest[1] == '?' || rest[1] == '!') continue;
+        const std::string_view tag = rest.substr(1, close - 1);
+        if (!tag.empty() && tag[0] == '/') {
+            reader.Close(LocalName(tag.substr(1)), std::string(Trim(text)));
+        } else {
+            reader.Open(LocalName(tag));
+            if (!tag.empty() && tag.back() == '/') reader.Close(LocalName(tag), "");
+        }
+        text.clear();
+    }
+    if (!reader.sawMultistatus()) return std::nullopt;
+    return reader.TakeEntries();
 }
 
 }  // namespace drive

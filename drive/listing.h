@@ -19,6 +19,7 @@ struct ListingEntry {
     bool isDirectory = false;
     long long size = -1;   // bytes; -1 when the listing does not say
     long long mtime = -1;  // seconds since the epoch; -1 when unknown
+    std::string etag;      // empty when the listing does not say
 };
 
 // The entries of nginx's JSON autoindex; nullopt when `text` is not such a
@@ -33,6 +34,14 @@ std::optional<std::vector<ListingEntry>> ParseJsonListing(std::string_view text)
 // Sorting links, parent links and links elsewhere are left out; each name
 // appears once.
 std::vector<ListingEntry> ParseHtmlListing(std::string_view html, std::string_view directoryPath);
+
+// The entries of a WebDAV multistatus body (the answer to a PROPFIND with
+// "Depth: 1" on the directory whose percent-encoded path is `directoryPath`,
+// ending in '/'); nullopt when `xml` is not a multistatus body. The
+// directory itself, responses outside it and properties reported with an
+// error status are left out.
+std::optional<std::vector<ListingEntry>> ParsePropfindListing(std::string_view xml,
+                                                              std::string_view directoryPath);
 
 // `text` with %XX escapes decoded; nullopt for a malformed escape.
 std::optional<std::string> PercentDecode(std::string_view text);

@@ -45,9 +45,11 @@ constexpr const char* kVersion = "cachedrive 1.0";
 constexpr const char* kUsage = R"(usage: cachedrive URL MOUNTPOINT [options]
 
 Mounts the directory that a web server publishes at URL (http:// or https://)
-on MOUNTPOINT, read-only. Listings come from the server's index pages
-(nginx's JSON autoindex, or the links of an HTML index); file content is
-fetched with ranged GETs and kept in a local disk cache.
+on MOUNTPOINT, read-write when the server speaks WebDAV. Listings come from the server's index pages (nginx's JSON
+autoindex, or the links of an HTML index), or from PROPFIND when the server
+speaks WebDAV (it answers OPTIONS with a DAV header); file content is
+fetched with ranged GETs and kept in a local disk cache. A file written
+through the mount is uploaded whole with one PUT when it is closed or synced.
 
 Options:
   --cache-dir DIR      cache directory (default $XDG_CACHE_HOME/cachedrive/<hash
@@ -56,6 +58,7 @@ Options:
                        suffixes K, M, G, T (powers of 1024)
   --config JSON|@FILE  configuration of the cache library, as text or a file
   --connections N      HTTP connections to the server (default 8)
+  --webdav             list with PROPFIND without asking the server first
   --log FILE           write log lines to FILE (default: standard error)
   --stats              print statistics on exit; SIGUSR1 prints them any time
   -f                   stay in the foreground (SIGINT/SIGTERM unmount)
@@ -84,6 +87,7 @@ struct Options {
     int verbosity = 0;
     std::vector<std::string> fuseOptions;
     bool directIo = false;
+    bool webdav = false;
 };
 
 class UsageError : public std::runtime_error {
@@ -158,6 +162,8 @@ Options ParseOptions(int argc, char** argv) {
                 throw UsageError("--connections needs a number from 1 to 64, not '" + text + "'");
             }
             options.connections = static_cast<int>(count);
+        } else if (argument == "--webdav") {
+            options.webdav = true;
         } else if (argument == "--log") {
             options.logFile = value();
         } else if (argument == "--stats") {
@@ -233,6 +239,14 @@ class StatsPrinter {
     std::thread thread_;
 };
 
+// True when the server answers OPTIONS with a DAV header.
+bool SpeaksWebDav(drive::HttpClient& client) {
+    drive::HttpRequest request;
+    request.method = "OPTIONS";
+    const drive::HttpResponse response = client.Send(request, {});
+    return response.code == CURLE_OK && response.status / 100 == 2 && !response.dav.empty();
+}
+
 int Serve(const Options& options) {
     FILE* logOut = stderr;
     if (!options.logFile.empty()) {
@@ -270,7 +284,8 @@ int Serve(const Options& options) {
     // and attributes: an open or a stat after that asks the server again,
     // so a file replaced there is seen whole, with its new size.
     constexpr std::chrono::seconds kMetadataTtl(1);
-    drive::RemoteTree tree(&client, &log, kMetadataTtl, std::min(options.connections, 8));
+    const bool webdav = options.webdav || SpeaksWebDav(client);
+    drive::RemoteTree tree(&client, &log, kMetadataTtl, std::min(options.connections, 8), webdav);
     if (std::vector<drive::DirEntry> root; tree.List(drive::kRootInode, &root) != 0) {
         fprintf(stderr, "cachedrive: cannot list %s\n", options.url.c_str());
         return 1;
@@ -278,6 +293,8 @@ int Serve(const Options& options) {
 
     drive::FuseContext context;
     context.tree = &tree;
+    context.client = &client;
+    context.writable = webdav;
     context.stats = &stats;
     context.log = &log;
     context.directIo = options.directIo;
@@ -341,8 +358,8 @@ int Serve(const Options& options) {
         if (status == 0) {
             drive::OpenFiles files(cache, &client, &tree, &log, &stats, drive::FetchPolicy(), 256);
             context.files = &files;
-            log.Info("Serving %s on %s, cache in %s", options.url.c_str(),
-                     options.mountpoint.c_str(), cachePath.c_str());
+            log.Info("Serving %s%s on %s, cache in %s", options.url.c_str(),
+                     webdav ? " (WebDAV)" : "", options.mountpoint.c_str(), cachePath.c_str());
             pthread_sigmask(SIG_UNBLOCK, &stopSignals, nullptr);
             fuse_loop_config loop;
             loop.clone_fd = 0;

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <ctime>
+#include <set>
 #include <thread>
 
 #include "drive/content_range.h"
@@ -28,11 +29,12 @@ bool IsStrongEtag(const std::string& etag) {
 }  // namespace
 
 RemoteTree::RemoteTree(HttpClient* client, DriveLog* log, std::chrono::milliseconds ttl,
-                       int parallelProbes)
+                       int parallelProbes, bool webdav)
     : client_(client),
       log_(log),
       ttl_(ttl),
       parallelProbes_(parallelProbes),
+      webdav_(webdav),
       basePath_(PathOfUrl(client->baseUrl())) {
     Node& root = nodes_[kRootInode];
     root.info.inode = kRootInode;
@@ -114,6 +116,92 @@ void RemoteTree::MarkChanged(Inode inode) {
     nodes_.at(node->second.parent).listed = false;
 }
 
+void RemoteTree::MarkListingStale(Inode directory) {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (const auto node = nodes_.find(directory); node != nodes_.end()) node->second.listed = false;
+}
+
+void RemoteTree::KeepPinned(Inode directory, std::vector<ListingEntry>* entries,
+                            std::vector<std::string>* etags) {
+    std::set<std::string> listed;
+    for (const ListingEntry& entry : *entries) listed.insert(entry.name);
+    std::vector<std::pair<std::string, std::string>> missing;  // name, path
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        for (const auto& [name, child] : nodes_.at(directory).children) {
+            const Node& node = nodes_.at(child);
+            if (node.pinned && !node.info.isDirectory && !listed.count(name)) {
+                missing.emplace_back(name, node.info.path);
+            }
+        }
+    }
+    for (const auto& [name, path] : missing) {
+        ListingEntry entry;
+        entry.name = name;
+        std::string etag;
+        ProbeOne(path, &entry, &etag);
+        if (entry.size < 0) continue;  // gone from the server too
+        entries->push_back(std::move(entry));
+        etags->push_back(std::move(etag));
+    }
+}
+
+int RemoteTree::Added(Inode parent, const std::string& name, NodeInfo* info) {
+    std::lock_guard<std::mutex> guard(lock_);
+    Node& directory = nodes_.at(parent);
+    Inode inode = 0;
+    if (const auto found = directory.children.find(name);
+        found != directory.children.end() && !nodes_.at(found->second).info.isDirectory) {
+        inode = found->second;
+    } else {
+        if (found != directory.children.end()) return EISDIR;
+        inode = nextInode_++;
+        Node& node = nodes_[inode];
+        node.info.inode = inode;
+        node.info.path = directory.info.path + PercentEncode(name);
+        node.parent = parent;
+        directory.children[name] = inode;
+    }
+    Node& node = nodes_.at(inode);
+    node.pinned = true;
+    node.gone = false;
+    UpdateNoLock(node, 0, time(nullptr), std::string());
+    *info = node.info;
+    return 0;
+}
+
+int RemoteTree::Renamed(Inode parent, const std::string& name, Inode newParent,
+                        const std::string& newName, NodeInfo* moved, Inode* replaced) {
+    std::lock_guard<std::mutex> guard(lock_);
+    *replaced = 0;
+    Node& from = nodes_.at(parent);
+    const auto found = from.children.find(name);
+    if (found == from.children.end()) return ENOENT;
+    const Inode inode = found->second;
+    from.children.erase(found);
+    Node& to = nodes_.at(newParent);
+    if (auto old = to.children.find(newName); old != to.children.end() && old->second != inode) {
+        *replaced = old->second;
+        nodes_.at(old->second).gone = true;
+    }
+    to.children[newName] = inode;
+    Node& node = nodes_.at(inode);
+    node.parent = newParent;
+    node.pinned = true;
+    const std::string oldPath = node.info.path;
+    const std::string newPath =
+        to.info.path + PercentEncode(newName) + (node.info.isDirectory ? "/" : "");
+    for (auto& [number, other] : nodes_) {
+        if (other.info.path.compare(0, oldPath.size(), oldPath) == 0 &&
+            (number == inode || node.info.isDirectory)) {
+            other.info.path = newPath + other.info.path.substr(oldPath.size());
+            ++other.info.version;
+        }
+    }
+    *moved = node.info;
+    return 0;
+}
+
 void RemoteTree::LearnEtag(Inode inode, uint64_t version, const std::string& etag) {
     if (!IsStrongEtag(etag)) return;
     std::lock_guard<std::mutex> guard(lock_);
@@ -138,10 +226,12 @@ int RemoteTree::Refresh(Inode inode, std::chrono::milliseconds maxAge) {
     std::vector<ListingEntry> entries;
     if (const int error = FetchListing(path, &entries); error != 0) return error;
     std::vector<std::string> etags(entries.size());
+    for (size_t i = 0; i < entries.size(); ++i) etags[i] = entries[i].etag;
     const bool complete = std::all_of(entries.begin(), entries.end(), [](const ListingEntry& e) {
         return e.isDirectory || e.size >= 0;
     });
     if (!complete) Probe(path, &entries, &etags);
+    KeepPinned(inode, &entries, &etags);
     std::lock_guard<std::mutex> guard(lock_);
     MergeNoLock(inode, entries, etags, !complete);
     return 0;
@@ -149,12 +239,29 @@ int RemoteTree::Refresh(Inode inode, std::chrono::milliseconds maxAge) {
 
 int RemoteTree::FetchListing(const std::string& path, std::vector<ListingEntry>* entries) {
     std::string body;
-    const HttpResponse response = client_->GetText(path, &body, kMaxListingBytes);
-    if (response.code != CURLE_OK || response.status != 200) {
+    HttpRequest request;
+    request.path = path;
+    if (webdav_) {
+        // Without a body PROPFIND asks for every property: sizes, times and
+        // ETags of all children in one answer.
+        request.method = "PROPFIND";
+        request.headers = {"Depth: 1"};
+    }
+    const HttpResponse response = client_->SendForText(request, &body, kMaxListingBytes);
+    const long expected = webdav_ ? 207 : 200;
+    if (response.code != CURLE_OK || response.status != expected) {
         log_->Error("Listing /%s failed: %s (HTTP %ld)", path.c_str(),
                     response.code != CURLE_OK ? response.error.c_str() : "bad status",
                     response.status);
         return response.status == 404 || response.status == 403 ? ENOENT : EIO;
+    }
+    if (webdav_) {
+        if (auto parsed = ParsePropfindListing(body, basePath_ + path)) {
+            *entries = std::move(*parsed);
+            return 0;
+        }
+        log_->Error("Listing /%s: the PROPFIND answer does not parse", path.c_str());
+        return EIO;
     }
     if (response.contentType.find("json") != std::string::npos) {
         if (auto parsed = ParseJsonListing(body)) {

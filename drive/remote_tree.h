@@ -1,6 +1,7 @@
 // The remote directory tree as the drive knows it: one node per remote file
-// or directory, numbered by inode, filled from the server's index pages and
-// refreshed when a listing is older than its time-to-live.
+// or directory, numbered by inode, filled from the server's index pages (or
+// its WebDAV PROPFIND answers) and refreshed when a listing is older than
+// its time-to-live.
 //
 // Thread-safe: one lock guards the nodes; listings are fetched without it,
 // so two threads may list the same directory at once (the later merge wins).
@@ -44,8 +45,9 @@ class RemoteTree {
   public:
     // Lists through `client` (not owned); listings live for `ttl`; at most
     // `parallelProbes` HEAD requests run at once for an HTML listing.
-    RemoteTree(HttpClient* client, DriveLog* log, std::chrono::milliseconds ttl,
-               int parallelProbes);
+    // `webdav`: directories are listed with PROPFIND instead of GET.
+    RemoteTree(HttpClient* client, DriveLog* log, std::chrono::milliseconds ttl, int parallelProbes,
+               bool webdav = false);
     RemoteTree(const RemoteTree&) = delete;
     RemoteTree& operator=(const RemoteTree&) = delete;
 
@@ -64,6 +66,20 @@ class RemoteTree {
     // The server reported that `inode` changed: its directory is listed
     // again on the next use.
     void MarkChanged(Inode inode);
+    // The drive changed directory `directory` on the server: it is listed
+    // again on the next use.
+    void MarkListingStale(Inode directory);
+    // The drive created the empty file `name` in `parent` on the server:
+    // the node is there at once. Returns 0 and fills `info`, or EISDIR.
+    int Added(Inode parent, const std::string& name, NodeInfo* info);
+    // The drive moved child `name` of `parent` to `newName` in `newParent`
+    // on the server: the node keeps its inode (the kernel's name now points
+    // to it), gets its new path, and a new version, as its fetches must go
+    // to the new path. Paths under a moved directory follow. Fills `moved`
+    // and, when a node was replaced, `replaced` (else 0). Returns 0 or
+    // ENOENT.
+    int Renamed(Inode parent, const std::string& name, Inode newParent, const std::string& newName,
+                NodeInfo* moved, Inode* replaced);
     // Records the ETag a response gave for version `version` of `inode`
     // when none is known yet.
     void LearnEtag(Inode inode, uint64_t version, const std::string& etag);
@@ -74,6 +90,9 @@ class RemoteTree {
         Inode parent = 0;
         bool gone = false;    // no longer in its directory's listing
         bool probed = false;  // size and times come from HEAD, not from the listing
+        // Created or moved here by the drive: kept while a HEAD finds it,
+        // also when listings leave it out (servers hide some names).
+        bool pinned = false;
         std::chrono::steady_clock::time_point checkedAt;  // when they were last learnt
         std::map<std::string, Inode> children;
         bool listed = false;
@@ -86,6 +105,10 @@ class RemoteTree {
     // Fetches and parses the listing of the directory at `path`. Returns 0
     // or an errno value.
     int FetchListing(const std::string& path, std::vector<ListingEntry>* entries);
+    // Adds to the listing of `directory` the pinned files it leaves out
+    // that the server still has.
+    void KeepPinned(Inode directory, std::vector<ListingEntry>* entries,
+                    std::vector<std::string>* etags);
     // Fills size, time and ETag of the HTML listing's files with HEAD
     // requests (a ranged GET where HEAD is refused).
     void Probe(const std::string& directoryPath, std::vector<ListingEntry>* entries,
@@ -104,6 +127,7 @@ class RemoteTree {
     DriveLog* const log_;
     const std::chrono::milliseconds ttl_;
     const int parallelProbes_;
+    const bool webdav_;
     std::string basePath_;  // path part of the base URL, for absolute links
 
     std::mutex lock_;

@@ -135,5 +135,67 @@ TEST(PercentTest, EncodesEveryReservedByteAndDecodesBack) {
     EXPECT_FALSE(PercentDecode("%G0"));
 }
 
+TEST(PropfindListingTest, ReadsNginxMultistatus) {
+    const char* xml = R"(<?xml version="1.0" encoding="utf-8" ?>
+<D:multistatus xmlns:D="DAV:">
+<D:response><D:href>/share/sub%20dir/</D:href><D:propstat><D:prop>
+<D:getlastmodified>Mon, 23 Nov 2026 14:19:16 GMT</D:getlastmodified>
+<D:resourcetype><D:collection/></D:resourcetype></D:prop>
+<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>
+<D:response><D:href>/share/sub%20dir/a%20b</D:href><D:propstat><D:prop>
+<D:getcontentlength>65537</D:getcontentlength>
+<D:getlastmodified>Sun, 01 Jan 2017 00:00:00 GMT</D:getlastmodified>
+<D:resourcetype></D:resourcetype></D:prop>
+<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>
+<D:response><D:href>/share/sub%20dir/nested/</D:href><D:propstat><D:prop>
+<D:resourcetype><D:collection/></D:resourcetype></D:prop>
+<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>
+</D:multistatus>)";
+    const auto entries = ParsePropfindListing(xml, "/share/sub%20dir/");
+    ASSERT_TRUE(entries);
+    ExpectNames(*entries, {{"a b", false}, {"nested", true}});
+    EXPECT_EQ((*entries)[0].size, 65537);
+    EXPECT_EQ((*entries)[0].mtime, 1483228800);
+    EXPECT_TRUE((*entries)[0].etag.empty());
+}
+
+// Another server's habits: a default namespace without prefix, full URLs
+// with other escapes than the drive's, entities, CDATA, ETags, properties
+// split over a 200 and a 404 propstat, and a collection without a slash.
+TEST(PropfindListingTest, ReadsOtherServersHabits) {
+    const char* xml = R"(<?xml version="1.0"?>
+<multistatus xmlns="DAV:"><!-- a <comment> -->
+<response><href>http://h:8080/d%c3%a9j%C3%A0/</href></response>
+<response>
+  <href>http://h:8080/d%c3%a9j%C3%A0/caf%c3%a9%21.txt</href>
+  <propstat><prop><getcontentlength>3</getcontentlength>
+    <getetag>"e&amp;1"</getetag><resourcetype/></prop>
+    <status>HTTP/1.1 200 OK</status></propstat>
+  <propstat><prop><getlastmodified/><getcontentlength>99</getcontentlength></prop>
+    <status>HTTP/1.1 404 Not Found</status></propstat>
+</response>
+<response><href><![CDATA[/d%C3%A9j%C3%A0/R&D]]></href>
+  <propstat><prop><resourcetype><collection/></resourcetype></prop>
+  <status>HTTP/1.1 200 OK</status></propstat></response>
+<response><href>/elsewhere/x</href><propstat><prop><getcontentlength>1</getcontentlength>
+  </prop><status>HTTP/1.1 200 OK</status></propstat></response>
+</multistatus>)";
+    const auto entries = ParsePropfindListing(xml, "/d%C3%A9j%C3%A0/");
+    ASSERT_TRUE(entries);
+    ExpectNames(*entries, {{"caf\xC3\xA9!.txt", false}, {"R&D", true}});
+    EXPECT_EQ((*entries)[0].size, 3);
+    EXPECT_EQ((*entries)[0].mtime, -1);
+    EXPECT_EQ((*entries)[0].etag, "\"e&1\"");
+}
+
+TEST(PropfindListingTest, RefusesWhatIsNoMultistatus) {
+    EXPECT_FALSE(ParsePropfindListing("<html><body>index</body></html>", "/"));
+    EXPECT_FALSE(ParsePropfindListing("<D:multistatus xmlns:D=\"DAV:\"><D:response", "/"));
+    EXPECT_FALSE(ParsePropfindListing("", "/"));
+    const auto empty = ParsePropfindListing("<multistatus xmlns='DAV:'/>", "/");
+    ASSERT_TRUE(empty);
+    EXPECT_TRUE(empty->empty());
+}
+
 }  // namespace
 }  // namespace drive
