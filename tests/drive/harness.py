@@ -294,15 +294,15 @@ class Drive:
     are kept for failure messages.
     """
 
-    def __init__(self, url, limit=None, config=None, options=(), extra_args=()):
+    def __init__(self, url, limit=None, config=None, options=(), extra_args=(), cache_dir=None):
         self.url = url
         self.dir = tempfile.mkdtemp(prefix="drive-")
         self.mountpoint = os.path.join(self.dir, "mnt")
-        self.cache_dir = os.path.join(self.dir, "cache")
+        self.cache_dir = cache_dir or os.path.join(self.dir, "cache")
         self.log = os.path.join(self.dir, "drive.log")
         self.output = os.path.join(self.dir, "drive.out")
         os.mkdir(self.mountpoint)
-        os.mkdir(self.cache_dir)
+        os.makedirs(self.cache_dir, exist_ok=True)
         self.limit = limit
         self.config = config
         self.options = list(options)
@@ -337,9 +337,11 @@ class Drive:
         return cmd + self.extra_args
 
     def start(self, timeout=20):
+        # Every server a test uses is on loopback: never reach it through a proxy.
+        env = dict(os.environ, NO_PROXY="127.0.0.1,localhost", no_proxy="127.0.0.1,localhost")
         with open(self.output, "wb") as out:
             self.proc = subprocess.Popen(self.command(), stdout=out, stderr=subprocess.STDOUT,
-                                         stdin=subprocess.DEVNULL)
+                                         stdin=subprocess.DEVNULL, env=env)
         if not wait_until(lambda: is_mounted(self.mountpoint) or self.proc.poll() is not None,
                           timeout, 0.1) or not is_mounted(self.mountpoint):
             status = stop_process(self.proc)
