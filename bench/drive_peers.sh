@@ -108,7 +108,7 @@ http {
     listen 127.0.0.1:$port;
     limit_rate $1;
     location /json/ { alias $work/root/; autoindex on; autoindex_format json; }
-    location /html/ { alias $work/root/; autoindex on; }
+    location / { root $work/root; autoindex on; }
   }
 }
 EOF
@@ -131,9 +131,9 @@ mount_drive() {
     case $1 in
     cachedrive) "$cachedrive" "$base/json/" "$mnt" -f -q --cache-dir "$cache" & ;;
     cachedrive-direct_io) "$cachedrive" "$base/json/" "$mnt" -f -q --cache-dir "$cache" -o direct_io & ;;
-    rclone) rclone mount :http: "$mnt" --http-url "$base/html/" --vfs-cache-mode full \
+    rclone) rclone mount :http: "$mnt" --http-url "$base/" --vfs-cache-mode full \
         --cache-dir "$cache" 2>"$work/rclone.log" & ;;
-    httpdirfs) httpdirfs -f --cache --cache-location "$cache" "$base/html/" "$mnt" \
+    httpdirfs) httpdirfs -f --cache --cache-location "$cache" "$base/" "$mnt" \
         >"$work/httpdirfs.log" 2>&1 & ;;
     esac
     drive_pid=$!
@@ -165,7 +165,7 @@ fio_figures() {
 import json, sys
 r = json.load(sys.stdin)["jobs"][0]["read"]
 p = r["clat_ns"]["percentile"]
-print(f"{r[\"iops\"]:.0f} {p[\"50.000000\"] / 1000:.0f} {p[\"99.000000\"] / 1000:.0f}")'
+print("%.0f %.0f %.0f" % (r["iops"], p["50.000000"] / 1000, p["99.000000"] / 1000))'
 }
 
 check_bytes() {

@@ -171,7 +171,7 @@ def directory_size(path):
 
 class Nginx:
     """An nginx on 127.0.0.1 with a free port, serving `root` twice: under
-    /json/ with JSON autoindex and under /html/ with HTML autoindex.
+    /json/ with JSON autoindex and under / with HTML autoindex.
 
     The access log has one tab-separated line per request: method, decoded
     path, status, Range header, body bytes sent.
@@ -209,7 +209,7 @@ http {{
     listen 127.0.0.1:{self.port};
     {rate}
     location /json/ {{ alias {root}/; autoindex on; autoindex_format json; }}
-    location /html/ {{ alias {root}/; autoindex on; }}
+    location / {{ root {root}; autoindex on; }}
   }}
 }}
 """
@@ -240,7 +240,7 @@ http {{
         return ""
 
     def url(self, style="json"):
-        return f"http://127.0.0.1:{self.port}/{style}/"
+        return f"http://127.0.0.1:{self.port}/" + ("json/" if style == "json" else "")
 
     def stop(self):
         if self.proc:
@@ -312,7 +312,7 @@ class Drive:
 
     def command(self):
         # The peers read only HTML indexes.
-        url = self.url if DRIVE == "cachedrive" else self.url.replace("/json/", "/html/")
+        url = self.url if DRIVE == "cachedrive" else self.url.replace("/json/", "/")
         if DRIVE == "rclone":
             cmd = ["rclone", "mount", ":http:", self.mountpoint, "--http-url", url,
                    "--vfs-cache-mode", "full", "--cache-dir", self.cache_dir, "--dir-cache-time",
