@@ -1,0 +1,34 @@
+// The file system the kernel sees: libfuse's low-level operations mapped
+// onto the remote tree (names, attributes, listings) and the cache objects
+// (open, read, release). Writes answer EROFS.
+//
+// Thread-safe: libfuse's multi-threaded loop calls the operations from many
+// threads; each operation uses only thread-safe parts.
+#ifndef DRIVE_FUSE_OPS_H_
+#define DRIVE_FUSE_OPS_H_
+
+#include <fuse_lowlevel.h>
+
+#include "drive/log.h"
+#include "drive/open_files.h"
+#include "drive/remote_tree.h"
+#include "drive/stats.h"
+
+namespace drive {
+
+// What the operations reach through fuse_req_userdata(); none owned.
+struct FuseContext {
+    RemoteTree* tree = nullptr;
+    OpenFiles* files = nullptr;
+    Stats* stats = nullptr;
+    DriveLog* log = nullptr;
+    bool directIo = false;       // the kernel bypasses its page cache
+    double attributeTtl = 1.0;   // seconds the kernel keeps names and attributes
+};
+
+// The operations table to hand to fuse_session_new.
+const fuse_lowlevel_ops& DriveOperations();
+
+}  // namespace drive
+
+#endif  // DRIVE_FUSE_OPS_H_

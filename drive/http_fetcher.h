@@ -1,0 +1,77 @@
+// The fetcher of one version of one remote file: it answers the library's
+// fetches with ranged GETs and streams each body into the sink in
+// sector-aligned pieces as it arrives.
+//
+// A fetch retries connection errors, 5xx answers, stalls and short bodies a
+// bounded number of times, resuming after the last byte received. It fails
+// without retrying when the server sends other bytes than those asked for
+// (a Content-Range that differs) or says the file changed (412 to If-Match,
+// another size): then the tree is told, so the next open sees the new file.
+// A large fetch is split into parallel range requests.
+//
+// Thread-safe: the library calls Fetch from many queue threads at once.
+#ifndef DRIVE_HTTP_FETCHER_H_
+#define DRIVE_HTTP_FETCHER_H_
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "cache/cache.h"
+#include "drive/http_client.h"
+#include "drive/remote_tree.h"
+#include "drive/stats.h"
+
+namespace drive {
+
+struct FetchPolicy {
+    int retries = 3;                                        // after the first attempt
+    std::chrono::milliseconds firstBackoff{100};            // doubled after each retry
+    long long splitAbove = 16LL << 20;                      // fetches larger than this are split
+    int parallelRanges = 4;                                 // at most this many ranges at once
+};
+
+class HttpFetcher final : public IFetch {
+  public:
+    // Fetches version `file.version` of `file`; all pointers are not owned
+    // and outlive the fetcher.
+    HttpFetcher(NodeInfo file, HttpClient* client, RemoteTree* tree, DriveLog* log, Stats* stats,
+                FetchPolicy policy);
+    HttpFetcher(const HttpFetcher&) = delete;
+    HttpFetcher& operator=(const HttpFetcher&) = delete;
+    virtual ~HttpFetcher() = default;
+
+    // Delivers [offset, offset + length), clipped to the file size, to
+    // `sink`. Returns 0, the sink's error, AE_HANDLE_CLOSED when `handle`
+    // was closed meanwhile, or AE_READ_FAILED when the server could not
+    // deliver the bytes.
+    AERROR Fetch(long long offset, long long length, std::shared_ptr<_FS_HANDLE> handle,
+                 IFetchCallback* sink) override;
+    long long GetHostHandle() override { return static_cast<long long>(file_.inode); }
+
+    // Number of Fetch calls begun so far.
+    long long Calls() const { return calls_.load(std::memory_order_relaxed); }
+
+  private:
+    // One range, on one connection, with retries.
+    AERROR FetchRange(long long offset, long long length, const _FS_HANDLE& handle,
+                      IFetchCallback* sink);
+    std::string Etag();
+
+    const NodeInfo file_;
+    HttpClient* const client_;
+    RemoteTree* const tree_;
+    DriveLog* const log_;
+    Stats* const stats_;
+    const FetchPolicy policy_;
+    std::atomic<long long> calls_{0};
+
+    std::mutex etagLock_;
+    std::string etag_;  // GUARDED_BY(etagLock_); learned from the first response when unknown
+};
+
+}  // namespace drive
+
+#endif  // DRIVE_HTTP_FETCHER_H_

@@ -1,0 +1,224 @@
+#include "drive/remote_tree.h"
+
+#include <atomic>
+#include <cerrno>
+#include <thread>
+
+#include "drive/content_range.h"
+
+namespace drive {
+
+namespace {
+
+// Index pages above this size are refused rather than held in memory.
+constexpr size_t kMaxListingBytes = 64 << 20;
+
+// The path part of `url` ("http://host:port/a/b/" gives "/a/b/").
+std::string PathOfUrl(const std::string& url) {
+    const size_t scheme = url.find("://");
+    const size_t path = url.find('/', scheme == std::string::npos ? 0 : scheme + 3);
+    return path == std::string::npos ? "/" : url.substr(path);
+}
+
+bool IsStrongEtag(const std::string& etag) { return !etag.empty() && etag.rfind("W/", 0) != 0; }
+
+}  // namespace
+
+RemoteTree::RemoteTree(HttpClient* client, DriveLog* log, std::chrono::milliseconds ttl,
+                       int parallelProbes)
+    : client_(client),
+      log_(log),
+      ttl_(ttl),
+      parallelProbes_(parallelProbes),
+      basePath_(PathOfUrl(client->baseUrl())) {
+    Node& root = nodes_[kRootInode];
+    root.info.inode = kRootInode;
+    root.info.isDirectory = true;
+    root.parent = kRootInode;
+}
+
+int RemoteTree::Lookup(Inode parent, const std::string& name, NodeInfo* info) {
+    if (const int error = Refresh(parent); error != 0) return error;
+    std::lock_guard<std::mutex> guard(lock_);
+    const Node& directory = nodes_.at(parent);
+    const auto child = directory.children.find(name);
+    if (child == directory.children.end()) return ENOENT;
+    *info = nodes_.at(child->second).info;
+    return 0;
+}
+
+int RemoteTree::Stat(Inode inode, NodeInfo* info) {
+    Inode parent = 0;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        const auto node = nodes_.find(inode);
+        if (node == nodes_.end()) return ENOENT;
+        parent = node->second.parent;
+    }
+    if (const int error = Refresh(parent); error != 0) return error;
+    std::lock_guard<std::mutex> guard(lock_);
+    const Node& node = nodes_.at(inode);
+    if (node.gone) return ENOENT;
+    *info = node.info;
+    return 0;
+}
+
+int RemoteTree::List(Inode inode, std::vector<DirEntry>* entries) {
+    if (const int error = Refresh(inode); error != 0) return error;
+    std::lock_guard<std::mutex> guard(lock_);
+    entries->clear();
+    for (const auto& [name, child] : nodes_.at(inode).children) {
+        entries->push_back({name, nodes_.at(child).info});
+    }
+    return 0;
+}
+
+void RemoteTree::MarkChanged(Inode inode) {
+    std::lock_guard<std::mutex> guard(lock_);
+    const auto node = nodes_.find(inode);
+    if (node == nodes_.end()) return;
+    nodes_.at(node->second.parent).listed = false;
+}
+
+void RemoteTree::LearnEtag(Inode inode, uint64_t version, const std::string& etag) {
+    if (!IsStrongEtag(etag)) return;
+    std::lock_guard<std::mutex> guard(lock_);
+    const auto node = nodes_.find(inode);
+    if (node == nodes_.end() || node->second.info.version != version) return;
+    if (node->second.info.etag.empty()) node->second.info.etag = etag;
+}
+
+int RemoteTree::Refresh(Inode inode) {
+    std::string path;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        const auto node = nodes_.find(inode);
+        if (node == nodes_.end()) return ENOENT;
+        if (!node->second.info.isDirectory) return ENOTDIR;
+        if (node->second.listed && std::chrono::steady_clock::now() - node->second.listedAt < ttl_) {
+            return 0;
+        }
+        path = node->second.info.path;
+    }
+    std::vector<ListingEntry> entries;
+    if (const int error = FetchListing(path, &entries); error != 0) return error;
+    std::vector<std::string> etags(entries.size());
+    const bool complete =
+        std::all_of(entries.begin(), entries.end(),
+                    [](const ListingEntry& e) { return e.isDirectory || e.size >= 0; });
+    if (!complete) Probe(path, &entries, &etags);
+    std::lock_guard<std::mutex> guard(lock_);
+    MergeNoLock(inode, entries, etags);
+    return 0;
+}
+
+int RemoteTree::FetchListing(const std::string& path, std::vector<ListingEntry>* entries) {
+    std::string body;
+    const HttpResponse response = client_->GetText(path, &body, kMaxListingBytes);
+    if (response.code != CURLE_OK || response.status != 200) {
+        log_->Error("Listing /%s failed: %s (HTTP %ld)", path.c_str(),
+                    response.code != CURLE_OK ? response.error.c_str() : "bad status",
+                    response.status);
+        return response.status == 404 || response.status == 403 ? ENOENT : EIO;
+    }
+    if (response.contentType.find("json") != std::string::npos) {
+        if (auto parsed = ParseJsonListing(body)) {
+            *entries = std::move(*parsed);
+            return 0;
+        }
+        log_->Error("Listing /%s: the JSON index does not parse", path.c_str());
+        return EIO;
+    }
+    *entries = ParseHtmlListing(body, basePath_ + path);
+    return 0;
+}
+
+void RemoteTree::Probe(const std::string& directoryPath, std::vector<ListingEntry>* entries,
+                       std::vector<std::string>* etags) {
+    std::atomic<size_t> next{0};
+    auto work = [&] {
+        for (size_t i = next++; i < entries->size(); i = next++) {
+            ListingEntry& entry = (*entries)[i];
+            if (entry.isDirectory || entry.size >= 0) continue;
+            HttpRequest request;
+            request.path = directoryPath + PercentEncode(entry.name);
+            request.headOnly = true;
+            HttpResponse response = client_->Send(request, {});
+            if (response.code == CURLE_OK && response.status == 200 &&
+                response.contentLength >= 0) {
+                entry.size = response.contentLength;
+            } else if (response.code == CURLE_OK && response.status != 404) {
+                // HEAD refused: the first byte's Content-Range gives the size.
+                request.headOnly = false;
+                request.rangeFirst = 0;
+                request.rangeLast = 0;
+                response = client_->Send(
+                    request, [](const HttpResponse&, const char*, size_t) { return false; });
+                const auto range = ParseContentRange(response.contentRange);
+                if (response.status == 206 && range && range->total >= 0) {
+                    entry.size = range->total;
+                } else if (response.status == 200 && response.contentLength >= 0) {
+                    entry.size = response.contentLength;
+                }
+            }
+            if (entry.mtime < 0) entry.mtime = response.lastModified;
+            (*etags)[i] = response.etag;
+        }
+    };
+    std::vector<std::thread> probes;
+    const size_t count = std::min<size_t>(parallelProbes_, entries->size());
+    for (size_t i = 1; i < count; ++i) probes.emplace_back(work);
+    work();
+    for (std::thread& probe : probes) probe.join();
+}
+
+void RemoteTree::MergeNoLock(Inode directory, const std::vector<ListingEntry>& entries,
+                             const std::vector<std::string>& etags) {
+    std::map<std::string, Inode> children;
+    const std::string directoryPath = nodes_.at(directory).info.path;
+    for (size_t i = 0; i < entries.size(); ++i) {
+        const ListingEntry& entry = entries[i];
+        if (!entry.isDirectory && entry.size < 0) {
+            log_->Error("Listing /%s: no size known for '%s'; left out", directoryPath.c_str(),
+                        entry.name.c_str());
+            continue;
+        }
+        const std::string& etag = IsStrongEtag(etags[i]) ? etags[i] : std::string();
+        Node* node = nullptr;
+        const auto& old = nodes_.at(directory).children;
+        if (auto found = old.find(entry.name);
+            found != old.end() && nodes_.at(found->second).info.isDirectory == entry.isDirectory) {
+            node = &nodes_.at(found->second);
+        } else {
+            const Inode inode = nextInode_++;
+            node = &nodes_[inode];
+            node->info.inode = inode;
+            node->info.isDirectory = entry.isDirectory;
+            node->info.path =
+                directoryPath + PercentEncode(entry.name) + (entry.isDirectory ? "/" : "");
+            node->parent = directory;
+        }
+        NodeInfo& info = node->info;
+        const long long size = entry.isDirectory ? 0 : entry.size;
+        const long long mtime = entry.mtime < 0 ? 0 : entry.mtime;
+        if (info.size != size || info.mtime != mtime || (!etag.empty() && etag != info.etag)) {
+            // An ETag learned from a response stays while size and time hold.
+            if (etag.empty() && (info.size != size || info.mtime != mtime)) info.etag.clear();
+            ++info.version;
+        }
+        info.size = size;
+        info.mtime = mtime;
+        if (!etag.empty()) info.etag = etag;
+        node->gone = false;
+        children[entry.name] = info.inode;
+    }
+    Node& listed = nodes_.at(directory);
+    for (const auto& [name, inode] : listed.children) {
+        if (!children.count(name) || children.at(name) != inode) nodes_.at(inode).gone = true;
+    }
+    listed.children = std::move(children);
+    listed.listed = true;
+    listed.listedAt = std::chrono::steady_clock::now();
+}
+
+}  // namespace drive
