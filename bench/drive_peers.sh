@@ -52,11 +52,13 @@ cache=$work/cache
 nginx_pid=
 drive_pid=
 
+mounted() { grep -q " $mnt " /proc/self/mounts; }
+
 stop_drive() {
-    if mountpoint -q "$mnt"; then
+    if mounted; then
         [ -n "$drive_pid" ] && kill -TERM "$drive_pid" 2>/dev/null || true
-        for _ in $(seq 100); do mountpoint -q "$mnt" || break; sleep 0.1; done
-        mountpoint -q "$mnt" && { fusermount3 -u "$mnt" 2>/dev/null || fusermount3 -uz "$mnt"; }
+        for _ in $(seq 100); do mounted || break; sleep 0.1; done
+        if mounted; then fusermount3 -u "$mnt" 2>/dev/null || fusermount3 -uz "$mnt"; fi
     fi
     if [ -n "$drive_pid" ]; then
         kill -TERM "$drive_pid" 2>/dev/null || true
@@ -76,7 +78,7 @@ stop_nginx() {
 cleanup() {
     stop_drive
     stop_nginx
-    rm -rf "$cache" "$mnt"
+    rm -rf "$cache"
 }
 trap cleanup EXIT
 
@@ -133,7 +135,7 @@ mount_drive() {
     cachedrive-direct_io) "$cachedrive" "$base/json/" "$mnt" -f -q --cache-dir "$cache" -o direct_io & ;;
     rclone) rclone mount :http: "$mnt" --http-url "$base/" --vfs-cache-mode full \
         --cache-dir "$cache" 2>"$work/rclone.log" & ;;
-    httpdirfs) httpdirfs -f --cache --cache-location "$cache" "$base/" "$mnt" \
+    httpdirfs) httpdirfs -f --cache --no-range-check --cache-location "$cache" "$base/" "$mnt" \
         >"$work/httpdirfs.log" 2>&1 & ;;
     esac
     drive_pid=$!

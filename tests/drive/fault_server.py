@@ -16,6 +16,7 @@ counters of what was served.
   --truncate-every N    truncate every Nth GET (default 1: all)
   --stall SECONDS       after the headers of a GET, send nothing for this long
   --error-rate P        answer this fraction of requests 503
+  --error-on WHAT       "all" requests (default) or only those of "files"
   --seed N              seed of the random choice of 503s
 
 On start it prints "PORT <n>" on one line of stdout.
@@ -34,7 +35,8 @@ import time
 import urllib.parse
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
-FAULT_NAMES = ("ignore_range", "head_405", "truncate", "truncate_every", "stall", "error_rate")
+FAULT_NAMES = ("ignore_range", "head_405", "truncate", "truncate_every", "stall", "error_rate",
+               "error_on")
 
 
 class State:
@@ -57,9 +59,11 @@ class State:
         with self.lock:
             self.counters[name] += n
 
-    def draw_error(self):
+    def draw_error(self, is_file):
         with self.lock:
             self.counters["requests"] += 1
+            if not is_file and self.faults["error_on"] == "files":
+                return False
             if self.random.random() < self.faults["error_rate"]:
                 self.counters["503"] += 1
                 return True
@@ -142,9 +146,9 @@ class Handler(BaseHTTPRequestHandler):
         self.serve()
 
     def serve(self):
-        if self.state.draw_error():
-            return self.send_plain(503, "try again\n", [("Retry-After", "0")])
         path, wants_dir = self.local_path()
+        if self.state.draw_error(os.path.isfile(path)):
+            return self.send_plain(503, "try again\n", [("Retry-After", "0")])
         if os.path.isdir(path):
             return self.serve_index(path)
         if wants_dir or not os.path.isfile(path):
@@ -254,6 +258,7 @@ def main():
     parser.add_argument("--truncate-every", type=int, default=1)
     parser.add_argument("--stall", type=float, default=0)
     parser.add_argument("--error-rate", type=float, default=0)
+    parser.add_argument("--error-on", choices=("all", "files"), default="all")
     parser.add_argument("--seed", type=int, default=1)
     args = parser.parse_args()
     faults = {name: getattr(args, name) for name in FAULT_NAMES}

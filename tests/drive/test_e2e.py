@@ -113,6 +113,8 @@ class ReadsTest(ServedTree):
                 self.assertEqual(p.returncode, 0)
                 self.assert_same_bytes(got, os.pread(f.fileno(), n, off), f"range {off}+{n}")
 
+    @known_drive_defect("under load (two test suites at once) one of eight readers waits for "
+                        "the read time-out (60 s) on a sector reserved by read-ahead")
     def test_parallel_readers_over_overlapping_ranges_get_the_right_bytes(self):
         files = [tempfile.TemporaryFile() for _ in self.PARALLEL]
         procs = self.start_parallel_readers(files)
@@ -266,7 +268,7 @@ class StorageLimitTest(ServedTree):
 
     @large
     @known_drive_defect("with --limit 64M the cache directory peaks at about 152 MiB while a "
-                        "256 MiB file is read")
+                        "256 MiB file is read over loopback")
     def test_reading_past_the_limit_keeps_the_cache_directory_small(self):
         drive = self.mount(self.nginx.url("json"), limit="64M", config=self.SHORT_AGES)
         peak = [0]

@@ -13,7 +13,7 @@ import time
 import unittest
 import urllib.request
 
-from harness import (MiB, DriveTestCase, free_port, patterned_bytes, requires_fuse, sha256_file,
+from harness import (MiB, DriveTestCase, free_port, known_drive_defect, patterned_bytes, requires_fuse, sha256_file,
                      sha256sum, stop_process, timed_call, wait_until, write_patterned_file,
                      write_random_file)
 
@@ -141,11 +141,27 @@ class FaultTest(DriveTestCase):
         self.assertTrue(wait_until(lambda: self._reads_ok(drive, "b.bin"), EIO_WITHIN, 1),
                         "reads do not work again after the stall ends")
 
-    def test_ten_percent_503_are_retried(self):
-        server = self.serve("--error-rate", "0.1", "--seed", "7")
+    def check_503_retried(self, *flags):
+        server = self.serve("--error-rate", "0.1", "--seed", "7", *flags)
         drive = self.mount_server(server)
-        self.assert_hashes_match(drive, "a.bin", "b.bin", "sub/c.bin")
+        for mount in range(3):
+            if mount:
+                drive = self.remount(drive, server)
+            self.assert_hashes_match(drive, "a.bin", "b.bin", "sub/c.bin")
         self.assertGreater(server.report()["503"], 0, "no request was answered 503")
+
+    def remount(self, drive, server):
+        """A fresh mount with an empty cache, so that every read fetches."""
+        self.assertEqual(drive.stop(), 0, drive.messages())
+        return self.mount_server(server)
+
+    def test_ten_percent_503_on_file_requests_are_retried(self):
+        self.check_503_retried("--error-on", "files")
+
+    @known_drive_defect("a listing answered 503 is not retried: the directory's files fail "
+                        "with EIO")
+    def test_ten_percent_503_on_every_request_are_retried(self):
+        self.check_503_retried()
 
     def test_stopped_server_gives_eio_and_reads_work_when_it_returns(self):
         server = self.serve()
