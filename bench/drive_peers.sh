@@ -12,7 +12,8 @@
 #   fio   4 KiB random reads for FIO_SECONDS on another fresh mount (IOPS,
 #         completion latency p50/p99)
 # After every run sha256sum reads the file through the mount once more and
-# must match the source, or the script stops. Every figure is the median of
+# must match the source; a drive that fails or serves wrong bytes gets that
+# in its row instead of figures. Every figure is the median of
 # the three runs. Profiles: plain loopback, and nginx limit_rate per
 # connection (SLOW_RATE, default 50m = 50 MB/s) as a slow link.
 # cachedrive also runs with -o direct_io (kernel page cache bypassed).
@@ -145,7 +146,7 @@ mount_drive() {
         sleep 0.1
     done
     echo "$1 did not mount" >&2
-    exit 1
+    return 1
 }
 
 # dd_mbps FILE: reads FILE with dd bs=1M, prints MB/s (10^6 bytes).
@@ -170,13 +171,23 @@ p = r["clat_ns"]["percentile"]
 print("%.0f %.0f %.0f" % (r["iops"], p["50.000000"] / 1000, p["99.000000"] / 1000))'
 }
 
+# check_bytes: the file read through the mount must hash like the source.
 check_bytes() {
     local got
-    got=$(sha256sum "$mnt/bench.bin" | cut -d' ' -f1)
-    if [ "$got" != "$want" ]; then
-        echo "WRONG BYTES from $1: sha256 $got, source $want" >&2
-        exit 1
-    fi
+    got=$(sha256sum "$mnt/bench.bin" | cut -d' ' -f1) || return 1
+    [ "$got" = "$want" ] || { failure="WRONG BYTES (sha256 $got)"; return 1; }
+}
+
+# one_run DRIVE: one cold/warm/fio run; sets c w i a b, or failure.
+one_run() {
+    failure="failed (see $work/*.log)"
+    mount_drive "$1" || return 1
+    c=$(dd_mbps "$mnt/bench.bin") || return 1
+    w=$(dd_mbps "$mnt/bench.bin") || return 1
+    check_bytes || return 1
+    mount_drive "$1" || return 1
+    read -r i a b < <(fio_figures "$mnt/bench.bin") && [ -n "$b" ] || return 1
+    check_bytes
 }
 
 median() { printf '%s\n' "$@" | sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
@@ -189,17 +200,21 @@ for profile in loopback "limit_rate $slow_rate"; do
         cold=() warm=() iops=() p50=() p99=()
         for run in $(seq "$runs"); do
             echo "[$profile] $drive run $run" >&2
-            mount_drive "$drive"
-            cold+=("$(dd_mbps "$mnt/bench.bin")")
-            warm+=("$(dd_mbps "$mnt/bench.bin")")
-            check_bytes "$drive"
-            mount_drive "$drive"
-            read -r i a b < <(fio_figures "$mnt/bench.bin")
-            iops+=("$i") p50+=("$a") p99+=("$b")
-            check_bytes "$drive"
+            if ! one_run "$drive"; then
+                echo "[$profile] $drive: $failure" >&2
+                cold=()
+                break
+            fi
+            cold+=("$c") warm+=("$w") iops+=("$i") p50+=("$a") p99+=("$b")
         done
         stop_drive
-        rows+=("| $profile | $drive | $(median "${cold[@]}") | $(median "${warm[@]}") | $(median "${iops[@]}") | $(median "${p50[@]}") | $(median "${p99[@]}") |")
+        if [ ${#cold[@]} -eq 0 ]; then
+            row="| $profile | $drive | $failure | | | | |"
+        else
+            row="| $profile | $drive | $(median "${cold[@]}") | $(median "${warm[@]}") | $(median "${iops[@]}") | $(median "${p50[@]}") | $(median "${p99[@]}") |"
+        fi
+        echo "$row" >&2
+        rows+=("$row")
     done
     stop_nginx
 done
