@@ -11,8 +11,8 @@
 namespace drive {
 
 struct ContentRange {
-    long long first = 0;  // offset of the first byte in the body
-    long long last = 0;   // offset of the last byte in the body
+    long long first = 0;   // offset of the first byte in the body
+    long long last = 0;    // offset of the last byte in the body
     long long total = -1;  // size of the whole file; -1 for "*"
 };
 

@@ -15,7 +15,9 @@ namespace {
 // The largest read the kernel sends; the session is set up for it.
 constexpr unsigned kMaxRead = 1 << 20;
 
-FuseContext& Context(fuse_req_t req) { return *static_cast<FuseContext*>(fuse_req_userdata(req)); }
+FuseContext& Context(fuse_req_t req) {
+    return *static_cast<FuseContext*>(fuse_req_userdata(req));
+}
 
 struct stat AttributesOf(const NodeInfo& info) {
     struct stat attributes;
@@ -223,14 +225,24 @@ void Write(fuse_req_t req, fuse_ino_t, const char*, size_t, off_t, fuse_file_inf
 void Create(fuse_req_t req, fuse_ino_t, const char*, mode_t, fuse_file_info*) {
     fuse_reply_err(req, EROFS);
 }
-void MkDir(fuse_req_t req, fuse_ino_t, const char*, mode_t) { fuse_reply_err(req, EROFS); }
-void MkNod(fuse_req_t req, fuse_ino_t, const char*, mode_t, dev_t) { fuse_reply_err(req, EROFS); }
-void Remove(fuse_req_t req, fuse_ino_t, const char*) { fuse_reply_err(req, EROFS); }
+void MkDir(fuse_req_t req, fuse_ino_t, const char*, mode_t) {
+    fuse_reply_err(req, EROFS);
+}
+void MkNod(fuse_req_t req, fuse_ino_t, const char*, mode_t, dev_t) {
+    fuse_reply_err(req, EROFS);
+}
+void Remove(fuse_req_t req, fuse_ino_t, const char*) {
+    fuse_reply_err(req, EROFS);
+}
 void Rename(fuse_req_t req, fuse_ino_t, const char*, fuse_ino_t, const char*, unsigned int) {
     fuse_reply_err(req, EROFS);
 }
-void SymLink(fuse_req_t req, const char*, fuse_ino_t, const char*) { fuse_reply_err(req, EROFS); }
-void Link(fuse_req_t req, fuse_ino_t, fuse_ino_t, const char*) { fuse_reply_err(req, EROFS); }
+void SymLink(fuse_req_t req, const char*, fuse_ino_t, const char*) {
+    fuse_reply_err(req, EROFS);
+}
+void Link(fuse_req_t req, fuse_ino_t, fuse_ino_t, const char*) {
+    fuse_reply_err(req, EROFS);
+}
 
 fuse_lowlevel_ops MakeOperations() {
     fuse_lowlevel_ops ops;

@@ -22,8 +22,8 @@ struct FuseContext {
     OpenFiles* files = nullptr;
     Stats* stats = nullptr;
     DriveLog* log = nullptr;
-    bool directIo = false;       // the kernel bypasses its page cache
-    double attributeTtl = 1.0;   // seconds the kernel keeps names and attributes
+    bool directIo = false;      // the kernel bypasses its page cache
+    double attributeTtl = 1.0;  // seconds the kernel keeps names and attributes
 };
 
 // The operations table to hand to fuse_session_new.

@@ -69,6 +69,11 @@ size_t OnBody(char* data, size_t size, size_t count, void* context) {
     return (*transfer->sink)(transfer->response, data, bytes) ? bytes : 0;
 }
 
+int OnProgress(void* context, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    const auto* keepGoing = static_cast<const std::function<bool()>*>(context);
+    return (*keepGoing)() ? 0 : 1;
+}
+
 }  // namespace
 
 HttpClient::HttpClient(std::string baseUrl, int connections, HttpLimits limits, Stats* stats)
@@ -129,6 +134,11 @@ HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) 
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, OnBody);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &transfer);
     if (request.headOnly) curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
+    if (request.keepGoing) {
+        curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+        curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, OnProgress);
+        curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &request.keepGoing);
+    }
     std::string range;
     if (request.rangeFirst >= 0) {
         range = std::to_string(request.rangeFirst) + "-" + std::to_string(request.rangeLast);
@@ -143,7 +153,8 @@ HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) 
     transfer.response.code = curl_easy_perform(handle);
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &transfer.response.status);
     if (transfer.response.code != CURLE_OK) {
-        transfer.response.error = error[0] != '\0' ? error : curl_easy_strerror(transfer.response.code);
+        transfer.response.error =
+            error[0] != '\0' ? error : curl_easy_strerror(transfer.response.code);
     }
     Release(handle);
     return std::move(transfer.response);

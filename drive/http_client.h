@@ -19,11 +19,14 @@
 namespace drive {
 
 struct HttpRequest {
-    std::string path;             // percent-encoded, relative to the base URL
-    bool headOnly = false;        // HEAD instead of GET
-    long long rangeFirst = -1;    // with rangeLast: "Range: bytes=first-last"
+    std::string path;           // percent-encoded, relative to the base URL
+    bool headOnly = false;      // HEAD instead of GET
+    long long rangeFirst = -1;  // with rangeLast: "Range: bytes=first-last"
     long long rangeLast = -1;
-    std::string ifMatch;          // sent as If-Match when not empty
+    std::string ifMatch;  // sent as If-Match when not empty
+    // Asked while the transfer runs, also when no byte arrives; false
+    // abandons it (CURLE_ABORTED_BY_CALLBACK).
+    std::function<bool()> keepGoing;
 };
 
 struct HttpResponse {

@@ -48,6 +48,17 @@ HttpFetcher::HttpFetcher(NodeInfo file, HttpClient* client, RemoteTree* tree, Dr
       policy_(policy),
       etag_(file_.etag) {}
 
+bool HttpFetcher::SameVersion(const std::string& etag) {
+    if (etag.empty() || etag.rfind("W/", 0) == 0) return true;
+    {
+        std::lock_guard<std::mutex> guard(etagLock_);
+        if (!etag_.empty()) return etag_ == etag;
+        etag_ = etag;
+    }
+    tree_->LearnEtag(file_.inode, file_.version, etag);
+    return true;
+}
+
 std::string HttpFetcher::Etag() {
     std::lock_guard<std::mutex> guard(etagLock_);
     return etag_;
@@ -106,6 +117,10 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, const _FS_HAN
     // that were asked for?
     auto judge = [&](const HttpResponse& head) {
         transfer.started = true;
+        if ((head.status == 200 || head.status == 206) && !SameVersion(head.etag)) {
+            transfer.verdict = Outcome::kChanged;
+            return false;
+        }
         const long long wanted = transfer.end - transfer.received;
         if (head.status == 206) {
             const auto range = ParseContentRange(head.contentRange);
@@ -169,23 +184,20 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, const _FS_HAN
         request.rangeFirst = transfer.received;
         request.rangeLast = transfer.end - 1;
         request.ifMatch = Etag();
+        request.keepGoing = [&handle] { return !HandleClosed(handle); };
         transfer.started = false;
         transfer.skip = 0;
         transfer.verdict = Outcome::kRetry;
+        const long long receivedBefore = transfer.received;
         const HttpResponse response = client_->Send(request, onBody);
+        const bool progressed = transfer.received - receivedBefore >= kSector;
+        if (response.code == CURLE_ABORTED_BY_CALLBACK) transfer.verdict = Outcome::kClosed;
 
         if (transfer.verdict == Outcome::kRetry && transfer.received == transfer.end) {
             transfer.verdict = Outcome::kComplete;
         }
         if (transfer.verdict == Outcome::kComplete) {
             if (!transfer.piece.empty() && !deliver()) return transfer.sinkError;
-            if (response.status == 206 || response.status == 200) {
-                std::lock_guard<std::mutex> guard(etagLock_);
-                if (etag_.empty() && !response.etag.empty() && response.etag.rfind("W/", 0) != 0) {
-                    etag_ = response.etag;
-                    tree_->LearnEtag(file_.inode, file_.version, response.etag);
-                }
-            }
             return AE_OK;
         }
         if (transfer.verdict == Outcome::kRetry && response.status == 412) {
@@ -211,9 +223,18 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, const _FS_HAN
             default:
                 break;
         }
+        // A server that stalls without sending anything is not asked again:
+        // each stall costs the whole low-speed time. One that sends a part
+        // and breaks off gets its full retries again after each good part.
+        if (progressed) {
+            attempt = -1;
+            backoff = policy_.firstBackoff;
+        } else if (response.code == CURLE_OPERATION_TIMEDOUT) {
+            attempt = policy_.retries;
+        }
         if (attempt >= policy_.retries) {
-            log_->Error("Fetch %s bytes %lld-%lld failed after %d attempts: %s (HTTP %ld)",
-                        file_.path.c_str(), transfer.received, transfer.end - 1, attempt + 1,
+            log_->Error("Fetch %s bytes %lld-%lld failed: %s (HTTP %ld)", file_.path.c_str(),
+                        transfer.received, transfer.end - 1,
                         response.code != CURLE_OK ? response.error.c_str() : "short body",
                         response.status);
             return AE_READ_FAILED;

@@ -27,10 +27,10 @@
 namespace drive {
 
 struct FetchPolicy {
-    int retries = 3;                                        // after the first attempt
-    std::chrono::milliseconds firstBackoff{100};            // doubled after each retry
-    long long splitAbove = 16LL << 20;                      // fetches larger than this are split
-    int parallelRanges = 4;                                 // at most this many ranges at once
+    int retries = 3;                              // after the first attempt
+    std::chrono::milliseconds firstBackoff{100};  // doubled after each retry
+    long long splitAbove = 16LL << 20;            // fetches larger than this are split
+    int parallelRanges = 4;                       // at most this many ranges at once
 };
 
 class HttpFetcher final : public IFetch {
@@ -59,6 +59,9 @@ class HttpFetcher final : public IFetch {
     AERROR FetchRange(long long offset, long long length, const _FS_HANDLE& handle,
                       IFetchCallback* sink);
     std::string Etag();
+    // True unless `etag` (a response's) shows another version than the one
+    // fetched so far; the first strong ETag seen becomes the version's.
+    bool SameVersion(const std::string& etag);
 
     const NodeInfo file_;
     HttpClient* const client_;

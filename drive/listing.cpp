@@ -20,8 +20,8 @@ int HexValue(char c) {
 }
 
 bool UsableName(const std::string& name) {
-    return !name.empty() && name != "." && name != ".." &&
-           name.find('/') == std::string::npos && name.find('\0') == std::string::npos;
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
+           name.find('\0') == std::string::npos;
 }
 
 // Seconds since the epoch of an HTTP date; -1 when it does not parse.
@@ -187,8 +187,8 @@ std::string PercentEncode(std::string_view name) {
 
 std::optional<std::vector<ListingEntry>> ParseJsonListing(std::string_view text) {
     json_error_t error;
-    std::unique_ptr<json_t, void (*)(json_t*)> root(
-        json_loadb(text.data(), text.size(), 0, &error), json_decref);
+    std::unique_ptr<json_t, void (*)(json_t*)> root(json_loadb(text.data(), text.size(), 0, &error),
+                                                    json_decref);
     if (!root || !json_is_array(root.get())) return std::nullopt;
     std::vector<ListingEntry> entries;
     size_t index = 0;

@@ -23,7 +23,8 @@ class DriveLog final : public ILog {
     DriveLog& operator=(const DriveLog&) = delete;
     virtual ~DriveLog() = default;
 
-    void Log(LOGLEVEL level, const char* format, ...) override __attribute__((format(printf, 3, 4)));
+    void Log(LOGLEVEL level, const char* format, ...) override
+        __attribute__((format(printf, 3, 4)));
     void LogW(LOGLEVEL level, const wchar_t* format, ...) override;
     void LogV(LOGLEVEL level, const char* format, va_list args) override;
 

@@ -266,8 +266,11 @@ int Serve(const Options& options) {
 
     drive::Stats stats;
     drive::HttpClient client(options.url, options.connections, drive::HttpLimits(), &stats);
-    drive::RemoteTree tree(&client, &log, std::chrono::seconds(10),
-                           std::min(options.connections, 8));
+    // Listings and sizes are trusted for as long as the kernel keeps names
+    // and attributes: an open or a stat after that asks the server again,
+    // so a file replaced there is seen whole, with its new size.
+    constexpr std::chrono::seconds kMetadataTtl(1);
+    drive::RemoteTree tree(&client, &log, kMetadataTtl, std::min(options.connections, 8));
     if (std::vector<drive::DirEntry> root; tree.List(drive::kRootInode, &root) != 0) {
         fprintf(stderr, "cachedrive: cannot list %s\n", options.url.c_str());
         return 1;
@@ -278,6 +281,7 @@ int Serve(const Options& options) {
     context.stats = &stats;
     context.log = &log;
     context.directIo = options.directIo;
+    context.attributeTtl = std::chrono::duration<double>(kMetadataTtl).count();
 
     std::vector<std::string> fuseArguments = {"cachedrive", "-o",
                                               "auto_unmount,fsname=cachedrive,subtype=cachedrive,"
@@ -296,6 +300,9 @@ int Serve(const Options& options) {
         fprintf(stderr, "cachedrive: bad FUSE options\n");
         return 2;
     }
+    // A shell starts background jobs with SIGINT ignored, and libfuse only
+    // takes over signals left at their default: the drive must still stop.
+    for (const int stopSignal : {SIGINT, SIGTERM, SIGHUP}) signal(stopSignal, SIG_DFL);
     if (fuse_set_signal_handlers(session) != 0 ||
         fuse_session_mount(session, options.mountpoint.c_str()) != 0) {
         fprintf(stderr, "cachedrive: cannot mount on %s\n", options.mountpoint.c_str());
@@ -332,8 +339,7 @@ int Serve(const Options& options) {
             status = 1;
         }
         if (status == 0) {
-            drive::OpenFiles files(cache, &client, &tree, &log, &stats, drive::FetchPolicy(),
-                                   256);
+            drive::OpenFiles files(cache, &client, &tree, &log, &stats, drive::FetchPolicy(), 256);
             context.files = &files;
             log.Info("Serving %s on %s, cache in %s", options.url.c_str(),
                      options.mountpoint.c_str(), cachePath.c_str());

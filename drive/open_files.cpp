@@ -49,8 +49,8 @@ int OpenFiles::Open(const NodeInfo& info, std::unique_ptr<OpenHandle>* opened, b
         file->objectName = "i" + std::to_string(info.inode) + "v" + std::to_string(info.version);
         file->fetcher = std::make_unique<HttpFetcher>(info, client_, tree_, log_, stats_, policy_);
         try {
-            file->object = cache_->Open(file->objectName.c_str(), 'r', info.size,
-                                        file->fetcher.get());
+            file->object =
+                cache_->Open(file->objectName.c_str(), 'r', info.size, file->fetcher.get());
         } catch (AERROR error) {
             log_->Error("Opening /%s in the cache failed: %d", info.path.c_str(), error);
             cache_->Close(file->objectName.c_str());

@@ -25,8 +25,8 @@ namespace drive {
 
 // One version of one remote file in the cache.
 struct CachedFile {
-    NodeInfo info;                      // what was known when it was opened first
-    std::string objectName;             // the cache object's name: "i<inode>v<version>"
+    NodeInfo info;           // what was known when it was opened first
+    std::string objectName;  // the cache object's name: "i<inode>v<version>"
     std::unique_ptr<HttpFetcher> fetcher;
     std::shared_ptr<ICacheObj> object;
     int openers = 0;  // GUARDED_BY(OpenFiles::lock_)

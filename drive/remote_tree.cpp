@@ -20,7 +20,9 @@ std::string PathOfUrl(const std::string& url) {
     return path == std::string::npos ? "/" : url.substr(path);
 }
 
-bool IsStrongEtag(const std::string& etag) { return !etag.empty() && etag.rfind("W/", 0) != 0; }
+bool IsStrongEtag(const std::string& etag) {
+    return !etag.empty() && etag.rfind("W/", 0) != 0;
+}
 
 }  // namespace
 
@@ -38,24 +40,54 @@ RemoteTree::RemoteTree(HttpClient* client, DriveLog* log, std::chrono::milliseco
 }
 
 int RemoteTree::Lookup(Inode parent, const std::string& name, NodeInfo* info) {
-    if (const int error = Refresh(parent); error != 0) return error;
-    std::lock_guard<std::mutex> guard(lock_);
-    const Node& directory = nodes_.at(parent);
-    const auto child = directory.children.find(name);
-    if (child == directory.children.end()) return ENOENT;
-    *info = nodes_.at(child->second).info;
-    return 0;
+    if (const int error = Refresh(parent, ttl_); error != 0) return error;
+    Inode child = 0;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        const Node& directory = nodes_.at(parent);
+        const auto found = directory.children.find(name);
+        if (found == directory.children.end()) return ENOENT;
+        child = found->second;
+    }
+    return StatFresh(child, ttl_, info);
 }
 
 int RemoteTree::Stat(Inode inode, NodeInfo* info) {
+    return StatFresh(inode, ttl_, info);
+}
+
+int RemoteTree::StatFresh(Inode inode, std::chrono::milliseconds maxAge, NodeInfo* info) {
     Inode parent = 0;
+    std::string probePath;
     {
         std::lock_guard<std::mutex> guard(lock_);
         const auto node = nodes_.find(inode);
         if (node == nodes_.end()) return ENOENT;
         parent = node->second.parent;
+        // A file an HTML listing named is checked alone: listing again would
+        // ask the server about every file of the directory.
+        const Node& parentNode = nodes_.at(parent);
+        if (node->second.probed && !node->second.gone && parentNode.listed &&
+            std::chrono::steady_clock::now() - parentNode.listedAt < ttl_ &&
+            std::chrono::steady_clock::now() - node->second.checkedAt >= maxAge) {
+            probePath = node->second.info.path;
+        }
     }
-    if (const int error = Refresh(parent); error != 0) return error;
+    if (!probePath.empty()) {
+        ListingEntry entry;
+        std::string etag;
+        ProbeOne(probePath, &entry, &etag);
+        std::lock_guard<std::mutex> guard(lock_);
+        Node& node = nodes_.at(inode);
+        if (entry.size < 0) {
+            nodes_.at(parent).listed = false;  // gone or failing: the listing tells
+        } else {
+            UpdateNoLock(node, entry.size, entry.mtime < 0 ? 0 : entry.mtime, etag);
+            *info = node.info;
+            return 0;
+        }
+    }
+    if (const int error = Refresh(parent, maxAge); error != 0) return error;
     std::lock_guard<std::mutex> guard(lock_);
     const Node& node = nodes_.at(inode);
     if (node.gone) return ENOENT;
@@ -64,7 +96,7 @@ int RemoteTree::Stat(Inode inode, NodeInfo* info) {
 }
 
 int RemoteTree::List(Inode inode, std::vector<DirEntry>* entries) {
-    if (const int error = Refresh(inode); error != 0) return error;
+    if (const int error = Refresh(inode, ttl_); error != 0) return error;
     std::lock_guard<std::mutex> guard(lock_);
     entries->clear();
     for (const auto& [name, child] : nodes_.at(inode).children) {
@@ -88,14 +120,15 @@ void RemoteTree::LearnEtag(Inode inode, uint64_t version, const std::string& eta
     if (node->second.info.etag.empty()) node->second.info.etag = etag;
 }
 
-int RemoteTree::Refresh(Inode inode) {
+int RemoteTree::Refresh(Inode inode, std::chrono::milliseconds maxAge) {
     std::string path;
     {
         std::lock_guard<std::mutex> guard(lock_);
         const auto node = nodes_.find(inode);
         if (node == nodes_.end()) return ENOENT;
         if (!node->second.info.isDirectory) return ENOTDIR;
-        if (node->second.listed && std::chrono::steady_clock::now() - node->second.listedAt < ttl_) {
+        if (node->second.listed &&
+            std::chrono::steady_clock::now() - node->second.listedAt < maxAge) {
             return 0;
         }
         path = node->second.info.path;
@@ -103,12 +136,12 @@ int RemoteTree::Refresh(Inode inode) {
     std::vector<ListingEntry> entries;
     if (const int error = FetchListing(path, &entries); error != 0) return error;
     std::vector<std::string> etags(entries.size());
-    const bool complete =
-        std::all_of(entries.begin(), entries.end(),
-                    [](const ListingEntry& e) { return e.isDirectory || e.size >= 0; });
+    const bool complete = std::all_of(entries.begin(), entries.end(), [](const ListingEntry& e) {
+        return e.isDirectory || e.size >= 0;
+    });
     if (!complete) Probe(path, &entries, &etags);
     std::lock_guard<std::mutex> guard(lock_);
-    MergeNoLock(inode, entries, etags);
+    MergeNoLock(inode, entries, etags, !complete);
     return 0;
 }
 
@@ -133,6 +166,31 @@ int RemoteTree::FetchListing(const std::string& path, std::vector<ListingEntry>*
     return 0;
 }
 
+void RemoteTree::ProbeOne(const std::string& path, ListingEntry* entry, std::string* etag) {
+    HttpRequest request;
+    request.path = path;
+    request.headOnly = true;
+    HttpResponse response = client_->Send(request, {});
+    if (response.code == CURLE_OK && response.status == 200 && response.contentLength >= 0) {
+        entry->size = response.contentLength;
+    } else if (response.code == CURLE_OK && response.status != 404) {
+        // HEAD refused: the first byte's Content-Range gives the size.
+        request.headOnly = false;
+        request.rangeFirst = 0;
+        request.rangeLast = 0;
+        response =
+            client_->Send(request, [](const HttpResponse&, const char*, size_t) { return false; });
+        const auto range = ParseContentRange(response.contentRange);
+        if (response.status == 206 && range && range->total >= 0) {
+            entry->size = range->total;
+        } else if (response.status == 200 && response.contentLength >= 0) {
+            entry->size = response.contentLength;
+        }
+    }
+    if (entry->mtime < 0) entry->mtime = response.lastModified;
+    *etag = response.etag;
+}
+
 void RemoteTree::Probe(const std::string& directoryPath, std::vector<ListingEntry>* entries,
                        std::vector<std::string>* etags) {
     std::atomic<size_t> next{0};
@@ -140,29 +198,7 @@ void RemoteTree::Probe(const std::string& directoryPath, std::vector<ListingEntr
         for (size_t i = next++; i < entries->size(); i = next++) {
             ListingEntry& entry = (*entries)[i];
             if (entry.isDirectory || entry.size >= 0) continue;
-            HttpRequest request;
-            request.path = directoryPath + PercentEncode(entry.name);
-            request.headOnly = true;
-            HttpResponse response = client_->Send(request, {});
-            if (response.code == CURLE_OK && response.status == 200 &&
-                response.contentLength >= 0) {
-                entry.size = response.contentLength;
-            } else if (response.code == CURLE_OK && response.status != 404) {
-                // HEAD refused: the first byte's Content-Range gives the size.
-                request.headOnly = false;
-                request.rangeFirst = 0;
-                request.rangeLast = 0;
-                response = client_->Send(
-                    request, [](const HttpResponse&, const char*, size_t) { return false; });
-                const auto range = ParseContentRange(response.contentRange);
-                if (response.status == 206 && range && range->total >= 0) {
-                    entry.size = range->total;
-                } else if (response.status == 200 && response.contentLength >= 0) {
-                    entry.size = response.contentLength;
-                }
-            }
-            if (entry.mtime < 0) entry.mtime = response.lastModified;
-            (*etags)[i] = response.etag;
+            ProbeOne(directoryPath + PercentEncode(entry.name), &entry, &(*etags)[i]);
         }
     };
     std::vector<std::thread> probes;
@@ -172,8 +208,23 @@ void RemoteTree::Probe(const std::string& directoryPath, std::vector<ListingEntr
     for (std::thread& probe : probes) probe.join();
 }
 
+void RemoteTree::UpdateNoLock(Node& node, long long size, long long mtime,
+                              const std::string& etag) {
+    const std::string& strong = IsStrongEtag(etag) ? etag : std::string();
+    NodeInfo& info = node.info;
+    if (info.size != size || info.mtime != mtime || (!strong.empty() && strong != info.etag)) {
+        // An ETag learned from a response stays while size and time hold.
+        if (strong.empty() && (info.size != size || info.mtime != mtime)) info.etag.clear();
+        ++info.version;
+    }
+    info.size = size;
+    info.mtime = mtime;
+    if (!strong.empty()) info.etag = strong;
+    node.checkedAt = std::chrono::steady_clock::now();
+}
+
 void RemoteTree::MergeNoLock(Inode directory, const std::vector<ListingEntry>& entries,
-                             const std::vector<std::string>& etags) {
+                             const std::vector<std::string>& etags, bool probed) {
     std::map<std::string, Inode> children;
     const std::string directoryPath = nodes_.at(directory).info.path;
     for (size_t i = 0; i < entries.size(); ++i) {
@@ -183,7 +234,6 @@ void RemoteTree::MergeNoLock(Inode directory, const std::vector<ListingEntry>& e
                         entry.name.c_str());
             continue;
         }
-        const std::string& etag = IsStrongEtag(etags[i]) ? etags[i] : std::string();
         Node* node = nullptr;
         const auto& old = nodes_.at(directory).children;
         if (auto found = old.find(entry.name);
@@ -198,19 +248,11 @@ void RemoteTree::MergeNoLock(Inode directory, const std::vector<ListingEntry>& e
                 directoryPath + PercentEncode(entry.name) + (entry.isDirectory ? "/" : "");
             node->parent = directory;
         }
-        NodeInfo& info = node->info;
-        const long long size = entry.isDirectory ? 0 : entry.size;
-        const long long mtime = entry.mtime < 0 ? 0 : entry.mtime;
-        if (info.size != size || info.mtime != mtime || (!etag.empty() && etag != info.etag)) {
-            // An ETag learned from a response stays while size and time hold.
-            if (etag.empty() && (info.size != size || info.mtime != mtime)) info.etag.clear();
-            ++info.version;
-        }
-        info.size = size;
-        info.mtime = mtime;
-        if (!etag.empty()) info.etag = etag;
+        node->probed = probed && !entry.isDirectory;
+        UpdateNoLock(*node, entry.isDirectory ? 0 : entry.size, entry.mtime < 0 ? 0 : entry.mtime,
+                     etags[i]);
         node->gone = false;
-        children[entry.name] = info.inode;
+        children[entry.name] = node->info.inode;
     }
     Node& listed = nodes_.at(directory);
     for (const auto& [name, inode] : listed.children) {

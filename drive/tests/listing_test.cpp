@@ -71,10 +71,9 @@ TEST(HtmlListingTest, ReadsNginxIndex) {
 <a href="x%26y%3F%23.bin">x&amp;y?#.bin</a>                               23-Nov-2026 10:00       1
 </pre><hr></body>
 </html>)";
-    ExpectNames(ParseHtmlListing(html, "/pub/"), {{"sub dir", true},
-                                                  {"caf\xC3\xA9.txt", false},
-                                                  {"a:b.txt", false},
-                                                  {"x&y?#.bin", false}});
+    ExpectNames(
+        ParseHtmlListing(html, "/pub/"),
+        {{"sub dir", true}, {"caf\xC3\xA9.txt", false}, {"a:b.txt", false}, {"x&y?#.bin", false}});
 }
 
 TEST(HtmlListingTest, ReadsApacheIndex) {
@@ -92,10 +91,9 @@ TEST(HtmlListingTest, ReadsApacheIndex) {
 <tr><td><a href="/elsewhere/no.txt">no.txt</a></td></tr>
 <tr><td><a href="mailto:admin@example.org">admin</a></td></tr>
 </table></body></html>)";
-    ExpectNames(ParseHtmlListing(html, "/data/"), {{"nested", true},
-                                                   {"two words.iso", false},
-                                                   {"abs.txt", false},
-                                                   {"full.txt", false}});
+    ExpectNames(
+        ParseHtmlListing(html, "/data/"),
+        {{"nested", true}, {"two words.iso", false}, {"abs.txt", false}, {"full.txt", false}});
 }
 
 TEST(HtmlListingTest, ReadsPythonHttpServerIndex) {
@@ -115,11 +113,10 @@ TEST(HtmlListingTest, ReadsPythonHttpServerIndex) {
 <hr>
 </body>
 </html>)";
-    ExpectNames(ParseHtmlListing(html, "/"),
-                {{".hidden", false},
-                 {"deep", true},
-                 {"\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E.txt", false},
-                 {"quote's \"q\".txt", false}});
+    ExpectNames(ParseHtmlListing(html, "/"), {{".hidden", false},
+                                              {"deep", true},
+                                              {"\xE6\x97\xA5\xE6\x9C\xAC\xE8\xAA\x9E.txt", false},
+                                              {"quote's \"q\".txt", false}});
 }
 
 TEST(HtmlListingTest, LeavesOutLinksThatAreNotChildren) {
