@@ -1,6 +1,7 @@
 """cachedrive's command line and life cycle: arguments, the cache directory's
 lock, statistics on SIGUSR1, and recovery after a crash."""
 
+import contextlib
 import os
 import shutil
 import signal
@@ -110,10 +111,13 @@ class CommandLineTest(DriveTestCase):
         drive = Drive(self.nginx.url()).start()
         self.addCleanup(drive.remove)
         sha256sum(drive.path("f.bin"))
-        with open(drive.path("f.bin"), "rb") as held:  # keeps the object open when killed
-            held.read(1)
-            drive.proc.kill()
-            drive.proc.wait()
+        held = os.open(drive.path("f.bin"), os.O_RDONLY)  # keeps the object open when killed
+        os.read(held, 1)
+        drive.proc.kill()
+        drive.proc.wait()
+        # The kernel cannot pass this close on to a drive that is gone.
+        with contextlib.suppress(OSError):
+            os.close(held)
         unmount(drive.mountpoint)
         self.assertGreater(directory_size(drive.cache_dir), 0, "nothing was cached to leave")
         again = self.mount(self.nginx.url(), cache_dir=drive.cache_dir)
