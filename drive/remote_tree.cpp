@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <ctime>
 #include <set>
 #include <thread>
@@ -14,6 +15,25 @@ namespace {
 
 // Index pages above this size are refused rather than held in memory.
 constexpr size_t kMaxListingBytes = 64 << 20;
+
+// A listing or a probe that meets a connection error or a 5xx is sent again
+// this many times, after 100 ms, 200 ms, ...: a busy server must not make a
+// whole directory vanish.
+constexpr int kMetadataRetries = 3;
+
+// Sends `request` through `send` until it gets an answer that is not a
+// connection error or a 5xx, or the retries are spent.
+template <typename Send>
+HttpResponse SendRetrying(Send send) {
+    HttpResponse response = send();
+    for (int attempt = 0; attempt < kMetadataRetries &&
+                          (response.code != CURLE_OK || response.status >= 500);
+         ++attempt) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100 << attempt));
+        response = send();
+    }
+    return response;
+}
 
 // The path part of `url` ("http://host:port/a/b/" gives "/a/b/").
 std::string PathOfUrl(const std::string& url) {
@@ -247,7 +267,8 @@ int RemoteTree::FetchListing(const std::string& path, std::vector<ListingEntry>*
         request.method = "PROPFIND";
         request.headers = {"Depth: 1"};
     }
-    const HttpResponse response = client_->SendForText(request, &body, kMaxListingBytes);
+    const HttpResponse response =
+        SendRetrying([&] { return client_->SendForText(request, &body, kMaxListingBytes); });
     const long expected = webdav_ ? 207 : 200;
     if (response.code != CURLE_OK || response.status != expected) {
         log_->Error("Listing /%s failed: %s (HTTP %ld)", path.c_str(),
@@ -279,7 +300,7 @@ void RemoteTree::ProbeOne(const std::string& path, ListingEntry* entry, std::str
     HttpRequest request;
     request.path = path;
     request.headOnly = true;
-    HttpResponse response = client_->Send(request, {});
+    HttpResponse response = SendRetrying([&] { return client_->Send(request, {}); });
     if (response.code == CURLE_OK && response.status == 200 && response.contentLength >= 0) {
         entry->size = response.contentLength;
     } else if (response.code == CURLE_OK && response.status != 404) {

@@ -113,8 +113,6 @@ class ReadsTest(ServedTree):
                 self.assertEqual(p.returncode, 0)
                 self.assert_same_bytes(got, os.pread(f.fileno(), n, off), f"range {off}+{n}")
 
-    @known_drive_defect("about one run in three, one of eight readers waits for the read "
-                        "time-out (60 s) on a sector reserved by read-ahead")
     def test_parallel_readers_over_overlapping_ranges_get_the_right_bytes(self):
         files = [tempfile.TemporaryFile() for _ in self.PARALLEL]
         procs = self.start_parallel_readers(files)
@@ -131,9 +129,6 @@ class ReadsTest(ServedTree):
             f.close()
         self.check_parallel_outputs(procs, outputs)
 
-    @known_drive_defect("a reader stays blocked until the read time-out (60 s) on a sector "
-                        "reserved by read-ahead, when other readers of the file pause; the "
-                        "drive then does not end on SIGTERM")
     def test_parallel_readers_that_pause_do_not_stall_the_others(self):
         # Each reader writes into a pipe that is drained one reader after the
         # other: the others pause with a full pipe while the first goes on.

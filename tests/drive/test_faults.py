@@ -12,7 +12,7 @@ import tempfile
 import unittest
 import urllib.request
 
-from harness import (MiB, DriveTestCase, free_port, known_drive_defect, patterned_bytes, requires_fuse, sha256_file,
+from harness import (MiB, DriveTestCase, free_port, patterned_bytes, requires_fuse, sha256_file,
                      sha256sum, stop_process, timed_call, wait_until, write_patterned_file,
                      write_random_file)
 
@@ -157,8 +157,6 @@ class FaultTest(DriveTestCase):
     def test_ten_percent_503_on_file_requests_are_retried(self):
         self.check_503_retried("--error-on", "files")
 
-    @known_drive_defect("a listing answered 503 is not retried: the directory's files fail "
-                        "with EIO")
     def test_ten_percent_503_on_every_request_are_retried(self):
         self.check_503_retried()
 
