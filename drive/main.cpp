@@ -40,7 +40,8 @@
 
 namespace {
 
-constexpr const char* kVersion = "cachedrive 1.0";
+// The drive carries the version of the library it is built with.
+constexpr const char* kVersion = "cachedrive " CACHE_VERSION_STRING;
 
 constexpr const char* kUsage = R"(usage: cachedrive URL MOUNTPOINT [options]
 
