@@ -65,7 +65,11 @@ TEST_F(EvictionTest, OldSectorsGoByAgeAndReadsButNeverWhileReserved) {
     EXPECT_EQ(Read(*store, nullptr, Size(), 0, 100).transferred, 0);
     fetch->Take();
     EXPECT_TRUE(ReadsRemote(*store, 5 * kSector + 10, 1000, fetch.get()));
-    EXPECT_EQ(fetch->Take().at(0), std::pair(5 * kSector, 4 * kSector));
+    // The window's other gap (sectors 13 to 16) is fetched by a job of its
+    // own, which the queue may run first.
+    const auto calls = fetch->Take();
+    EXPECT_NE(std::find(calls.begin(), calls.end(), std::pair(5 * kSector, 4 * kSector)),
+              calls.end());
     // Reserved sectors are awaited by someone and stay, however old.
     reserved->ClearOldCache(true);
     EXPECT_EQ(reserved->Reserve(0, 4 * kSector), AE_NOTHING_RESERVED);
