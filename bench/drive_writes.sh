@@ -81,7 +81,7 @@ unmount_drive() { fusermount3 -u "$work/mnt" || fusermount3 -uz "$work/mnt"; sle
 until_on_server() {
     local start=$1 bytes=$2 paths=$3
     for _ in $(seq 6000); do
-        if [ "$(cat $paths 2>/dev/null | wc -c)" -eq "$bytes" ]; then
+        if [ "$(stat -c %s $paths 2>/dev/null | awk '{n += $1} END {print n + 0}')" -eq "$bytes" ]; then
             printf '%.2f\n' "$(echo "$(now) - $start" | bc)"; return
         fi
         sleep 0.1
