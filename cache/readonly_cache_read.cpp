@@ -205,10 +205,11 @@ AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::shared_mutex>& guard,
 
 AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request) {
     const long long first = SectorOf(request->offset);
-    // A range reaching past the end of the file meets an absent sector
-    // there: with a fetcher that fails the read, as any missing sector does,
-    // so a host clips its reads to the file size.
-    const long long length = request->length;
+    // Only bytes of the file are copied: whatever a slot holds past its end
+    // is not the remote's.
+    const long long fileEnd = std::clamp(request->fileSize, 0LL, kOffsetLimit);
+    const long long length =
+        fileEnd <= request->offset ? 0 : std::min(request->length, fileEnd - request->offset);
     const auto now = std::chrono::steady_clock::now();
     long long total = 0;
     long long cur = first;
@@ -258,6 +259,14 @@ AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request) {
             Log(LL_ERROR, "[%s] Read failed : Sector %lld not found on sector hash", cur);
             return AE_READ_NOT_SERVED;
         }
+    }
+    // A range reaching past the end of the file needs a sector that no
+    // fetch will ever bring: with a fetcher that fails the read, as any
+    // missing sector does, so a host clips its reads to the file size.
+    if (total == length && length < request->length && request->fetch != nullptr) {
+        Log(LL_ERROR, "[%s] Read failed : Sector %lld not found on sector hash",
+            std::max(SectorCeil(fileEnd), SectorOf(request->offset)));
+        return AE_READ_NOT_SERVED;
     }
     request->transferred = total;
     Log(LL_INFO, "[%s] Read done : %p, %lld, %d/%d", static_cast<void*>(request->buffer),
