@@ -7,6 +7,7 @@
 #ifndef CACHE_CACHE_SETTINGS_H_
 #define CACHE_CACHE_SETTINGS_H_
 
+#include <array>
 #include <atomic>
 #include <mutex>
 
@@ -42,13 +43,21 @@ class CacheSettings final : public ICacheConfig {
     void SetQuota(long long limit);
 
     // A consistent copy of the applied configuration; never half-applied.
+    // Takes no lock: every read of a file asks for it, from any thread.
     _CACHECONFIG GetConfig() override;
+    // Writers take a leaf lock among themselves.
     void SetConfig(const _CACHECONFIG& config);
 
   private:
+    // The record's ten values, in its field order.
+    using Values = std::array<long long, sizeof(_CACHECONFIG) / sizeof(long long)>;
+
     std::atomic<long long> limit_;
-    std::mutex lock_;  // guards config_; a leaf lock
-    _CACHECONFIG config_;
+    std::mutex writeLock_;  // serialises SetConfig; a leaf lock
+    // A sequence lock: odd while SetConfig changes `values_`, so a reader
+    // that saw it odd, or saw it change during its copy, copies again.
+    std::atomic<unsigned long long> version_{0};
+    std::array<std::atomic<long long>, std::tuple_size_v<Values>> values_;
 };
 
 }  // namespace cache

@@ -217,8 +217,8 @@ _SECTOR& ReadonlyCache::InsertSectorNoLock(long long key, const _SECTOR& sector)
     return sectors.emplace(key, sector).first->second;
 }
 
-std::map<long long, _SECTOR>::iterator ReadonlyCache::EraseSectorNoLock(
-    std::map<long long, _SECTOR>::iterator entry) {
+SectorMap::iterator ReadonlyCache::EraseSectorNoLock(
+    SectorMap::iterator entry) {
     runs.Erase(entry->first);
     SectorsChangedNoLock();
     return sectors.erase(entry);
@@ -377,7 +377,7 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
     return AE_OK;
 }
 
-AERROR ReadonlyCache::FailFetchWriteNoLock(std::map<long long, _SECTOR>::iterator entry,
+AERROR ReadonlyCache::FailFetchWriteNoLock(SectorMap::iterator entry,
                                            int error) {
     Log(LL_ERROR, "[%s] Fetch write failed : %s", strerror(error));
     // Only the sector this write was filling is given up; present sectors,

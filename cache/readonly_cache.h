@@ -9,12 +9,13 @@
 // Threads: host threads read and write; fetch jobs deliver data on the host's
 // queue threads through FetchWrite; the quota thread evicts. `lock` guards
 // the map and the file's contents. Every change of the map, of a slot or of
-// the file takes it exclusively; copies out of the cache file take it
-// shared, so that readers of one file copy side by side while no slot can
-// move under them. Operations with the NoLock suffix require the caller to
-// hold it exclusively unless they say otherwise. Lock order: a cache
-// object's lock, then this lock, then the leaf locks (`fileLock`, the
-// display name's).
+// the file takes it exclusively. A read whose range is cached and that has
+// nothing to queue runs entirely under the shared lock, so that readers of
+// one file copy side by side while no slot can move under them; only reads
+// that queue fetches or wait take it exclusively. Operations with the NoLock
+// suffix require the caller to hold it exclusively unless they say
+// otherwise. Lock order: a cache object's lock, then this lock, then the
+// leaf locks (`historyLock`, `fileLock`, the display name's).
 //
 // Every transfer to or from the cache file is positioned I/O on the stream's
 // descriptor (ReadAt / WriteAt), so no thread depends on the stream position.
@@ -40,31 +41,12 @@
 #include "cache/cache_directory.h"
 #include "cache/display_name.h"
 #include "cache/file_io.h"
+#include "cache/sector_map.h"
 
 namespace cache {
 
 class WritableCache;
 class AsyncLargeFetch;
-
-// One entry of the sector map.
-struct _SECTOR {
-    long long offset = 0;  // slot in the cache file; -1 while reserved without a slot
-    long long length = 0;  // valid bytes; only the file's last sector is shorter
-    // Reads served since the sector was last queued or filled. Copies under
-    // the shared lock count through SectorHit.
-    long long hits = 0;
-    bool reserved = false;  // a fetch is announced but its data has not arrived
-    std::chrono::steady_clock::time_point time{};  // creation or last read
-};
-
-// Counts a read of `sector` at `now`. Safe for several copies under the
-// store's shared lock at once; the exclusive lock orders it with every other
-// access.
-inline void SectorHit(_SECTOR& sector, std::chrono::steady_clock::time_point now) {
-    std::atomic_ref<long long>(sector.hits).fetch_add(1, std::memory_order_relaxed);
-    std::atomic_ref<std::chrono::steady_clock::time_point>(sector.time)
-        .store(now, std::memory_order_relaxed);
-}
 
 // One remembered read, for read-ahead.
 struct _READHISTORY {
@@ -244,14 +226,22 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // vanishes while the read waits means.
     enum class QueueState { kNothing, kReadAhead, kSectors, kWholeFile };
 
+    // What the read-ahead check does with one read.
+    enum class ReadAheadPlan {
+        kIgnore,    // the history stays as it is
+        kForget,    // the history is cleared (the end of the file is cached)
+        kRemember,  // the read is appended to the history
+        kRestart,   // the history is cleared, then the read appended
+        kStart,     // a read-ahead is posted, then the read appended
+    };
+
     // Every change to the set of keys of `sectors` goes through these, so
     // that `runs` stays in step with the map and waiters are woken.
     // REQUIRES: `lock` held.
     // Inserts `sector` under `key`, which must be absent.
     _SECTOR& InsertSectorNoLock(long long key, const _SECTOR& sector);
     // Erases the entry; returns the iterator after it.
-    std::map<long long, _SECTOR>::iterator EraseSectorNoLock(
-        std::map<long long, _SECTOR>::iterator entry);
+    SectorMap::iterator EraseSectorNoLock(SectorMap::iterator entry);
     void ClearSectorsNoLock();
 
     // Records a change of the sector map that a waiting read or write may
@@ -278,7 +268,7 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // After a failed write into the cache file: gives up `entry` when it
     // held no data yet (erased, its slot freed when inside the file), logs
     // and returns 3007. REQUIRES: `lock` held.
-    AERROR FailFetchWriteNoLock(std::map<long long, _SECTOR>::iterator entry, int error);
+    AERROR FailFetchWriteNoLock(SectorMap::iterator entry, int error);
 
     // True when the sector holds every byte it will ever hold: it is not
     // reserved, and it is whole or ends at the remote file's current size.
@@ -308,10 +298,37 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // per run of consecutive sectors. REQUIRES: `lock` held.
     void QueueEmptySectors(const std::deque<long long>& sectorOffsets, IFetch* fetch,
                            std::shared_ptr<_FS_HANDLE> handle);
+    // Serves a read from the cache under the shared lock when it has nothing
+    // to queue (its window is cached or reserved), no read-ahead to start,
+    // no new file size to record, and its own range is present and
+    // complete: updates the history and the window's hits as the exclusive
+    // path would, copies, and returns the copy's result. Returns nullopt,
+    // having changed nothing but hit counts that the exclusive path resets
+    // anyway, when the read needs that path. REQUIRES: `lock` held shared;
+    // the file open.
+    std::optional<AERROR> ServeCachedNoLock(_READDATA* request, const _CACHECONFIG& settings);
     // Remembers the read and, when reads are sequential, reserves and posts
     // a read-ahead after the cached run: 3013 when one was posted, else 0.
     // REQUIRES: `lock` held.
-    AERROR CheckReadAhead(_READDATA* request, const _CACHECONFIG& settings);
+    AERROR CheckReadAhead(_READDATA* request, const _CACHECONFIG& settings,
+                          std::chrono::steady_clock::time_point now);
+    // What the read-ahead check does with `request` when that does not
+    // depend on the history, else nullopt; stores the end of the cached run
+    // through `runEnd` for the history to decide. REQUIRES: `lock` held,
+    // shared or exclusive.
+    std::optional<ReadAheadPlan> PlanBeforeHistoryNoLock(const _READDATA* request,
+                                                         const _CACHECONFIG& settings,
+                                                         long long* runEnd) const;
+    // What the history decides for `request`, made at `now`, when
+    // PlanBeforeHistoryNoLock gave nullopt; kStart when a read-ahead from
+    // `runEnd` is due. Changes nothing. REQUIRES: `lock` held exclusively,
+    // or shared together with `historyLock`.
+    ReadAheadPlan PlanFromHistoryNoLock(const _READDATA* request, const _CACHECONFIG& settings,
+                                        std::chrono::steady_clock::time_point now,
+                                        long long runEnd) const;
+    // Updates the history after `plan` (a kStart has posted its read-ahead
+    // already). REQUIRES: as PlanFromHistoryNoLock.
+    void RememberReadNoLock(ReadAheadPlan plan, const _READHISTORY& read);
     // Posts the read-ahead of the current level from `runEnd`.
     // REQUIRES: `lock` held; no large fetch running.
     void StartReadAheadNoLock(_READDATA* request, long long runEnd, const _CACHECONFIG& settings);
@@ -328,12 +345,14 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // True when every sector of the request's range within the file is
     // present (not reserved) and complete, as WaitForSectors requires.
     // REQUIRES: `lock` held, shared or exclusive.
-    bool RangePresentNoLock(const _READDATA* request) const;
-    // Copies the request's range out of the cache file. REQUIRES: `lock`
-    // held, shared or exclusive; every sector of the range present unless
-    // the request has no fetcher, in which case the copy stops at the first
-    // one that is not.
-    AERROR CopySectorsNoLock(_READDATA* request);
+    bool RangePresentNoLock(const _READDATA* request);
+    // Copies the request's range out of the cache file, counting a read of
+    // each sector at `now`; `entry` is the map's lower bound of the range's
+    // first sector. REQUIRES: `lock` held, shared or exclusive; every sector
+    // of the range present unless the request has no fetcher, in which case
+    // the copy stops at the first one that is not.
+    AERROR CopySectorsNoLock(_READDATA* request, std::chrono::steady_clock::time_point now,
+                             SectorMap::iterator entry);
 
     std::shared_mutex lock;
     // Signalled by SectorsChangedNoLock; waited on with `lock` exclusive.
@@ -354,9 +373,13 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // store, which this store never deletes.
     std::shared_ptr<const CacheDirectory> directory;
     CacheFileName cacheFile;
-    std::map<long long, _SECTOR> sectors;
+    SectorMap sectors;
     SectorRuns runs;  // the runs of consecutive keys of `sectors`
     std::deque<long long> emptySlots;
+    // A leaf lock for readers that hold `lock` only shared: `readHistory`
+    // and `readAheadLevel` change under `lock` held exclusively, or shared
+    // together with this lock.
+    std::mutex historyLock;
     std::deque<_READHISTORY> readHistory;
     long long fileSize = 0;
     int readAheadLevel = 1;

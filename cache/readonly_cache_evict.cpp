@@ -40,7 +40,7 @@ void ReadonlyCache::ClearOldCache(bool overLimit) {
 
     // A sector that was read expires at either limit, one never read only at
     // the any-sector limit. Reserved sectors are awaited by someone.
-    std::vector<std::map<long long, _SECTOR>::iterator> expired;
+    std::vector<SectorMap::iterator> expired;
     for (auto entry = sectors.begin(); entry != sectors.end(); ++entry) {
         const _SECTOR& sector = entry->second;
         if (sector.reserved) continue;

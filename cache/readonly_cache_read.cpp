@@ -41,17 +41,27 @@ AERROR ReadonlyCache::Read(_READDATA* request) {
     }
     // One copy of the configuration serves the whole request.
     const _CACHECONFIG settings = config->GetConfig();
+    {
+        std::shared_lock<std::shared_mutex> cached(lock);
+        if (file == nullptr) return AE_INVALID_HANDLE;
+        if (request->timeout == 0) request->timeout = settings.readtimeout;
+        if (const std::optional<AERROR> served = ServeCachedNoLock(request, settings)) {
+            return *served;
+        }
+    }
 
     std::unique_lock<std::shared_mutex> guard(lock);
     if (file == nullptr) return AE_INVALID_HANDLE;
     fileSize = request->fileSize;
-    if (request->timeout == 0) request->timeout = settings.readtimeout;
 
     QueueState state = QueueState::kNothing;
     if ((request->flags & RD_FETCH_ALL) != RD_NONE) {
         if (FetchWholeFileNoLock(request)) state = QueueState::kWholeFile;
     } else {
-        if (CheckReadAhead(request, settings) == AE_FETCH_QUEUED) state = QueueState::kReadAhead;
+        if (CheckReadAhead(request, settings, std::chrono::steady_clock::now()) ==
+            AE_FETCH_QUEUED) {
+            state = QueueState::kReadAhead;
+        }
         const long long end = std::min(request->offset + std::max(request->length, kMinimumQueued),
                                        request->fileSize);
         const AERROR queued =
@@ -64,18 +74,21 @@ AERROR ReadonlyCache::Read(_READDATA* request) {
         }
     }
 
-    // Copies need the lock only shared, so that readers of this file copy
-    // side by side; the range is checked again under it, since anything may
-    // have changed while the lock was free. Without a fetcher nothing will
-    // arrive: what is cached now is served.
+    // The copy needs the lock only shared; the range is checked again under
+    // it, since anything may have changed while the lock was free. Without a
+    // fetcher nothing will arrive: what is cached now is served.
     for (;;) {
         guard.unlock();
         {
             std::shared_lock<std::shared_mutex> copying(lock);
+            const auto now = std::chrono::steady_clock::now();
+            const auto start = sectors.lower_bound(SectorOf(request->offset));
             if (request->fetch == nullptr) {
-                return file == nullptr ? AE_INVALID_HANDLE : CopySectorsNoLock(request);
+                return file == nullptr ? AE_INVALID_HANDLE : CopySectorsNoLock(request, now, start);
             }
-            if (file != nullptr && RangePresentNoLock(request)) return CopySectorsNoLock(request);
+            if (file != nullptr && RangePresentNoLock(request)) {
+                return CopySectorsNoLock(request, now, start);
+            }
         }
         guard.lock();
         const AERROR waited = WaitForSectors(guard, request, state);
@@ -83,7 +96,46 @@ AERROR ReadonlyCache::Read(_READDATA* request) {
     }
 }
 
-bool ReadonlyCache::RangePresentNoLock(const _READDATA* request) const {
+std::optional<AERROR> ReadonlyCache::ServeCachedNoLock(_READDATA* request,
+                                                       const _CACHECONFIG& settings) {
+    if ((request->flags & RD_FETCH_ALL) != RD_NONE || request->fileSize != fileSize) {
+        return std::nullopt;
+    }
+    // One walk over the window a read queues (which holds its own range):
+    // what the queueing pass would reset, reset; anything it would queue,
+    // or a sector of the range that is not ready, sends the read to the
+    // exclusive path.
+    const long long first = SectorOf(request->offset);
+    const long long windowEnd =
+        std::min(request->offset + std::max(request->length, kMinimumQueued), fileSize);
+    const long long rangeEnd = std::min(request->offset + request->length, fileSize);
+    const bool fetching = request->fetch != nullptr;
+    const auto start = sectors.lower_bound(first);
+    auto entry = start;
+    for (long long cur = first; cur < windowEnd; cur += kSectorSize) {
+        const bool found = entry != sectors.end() && entry->first == cur;
+        const bool complete = found && IsCompleteNoLock(cur, entry->second);
+        if (found && (entry->second.reserved || complete)) {
+            std::atomic_ref<long long>(entry->second.hits).store(0, std::memory_order_relaxed);
+        } else if (fetching) {
+            return std::nullopt;  // to be queued
+        }
+        if (fetching && cur < rangeEnd && !complete) return std::nullopt;  // to be waited for
+        if (found) ++entry;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    long long runEnd = 0;
+    std::optional<ReadAheadPlan> plan = PlanBeforeHistoryNoLock(request, settings, &runEnd);
+    if (plan != ReadAheadPlan::kIgnore) {
+        std::lock_guard<std::mutex> history(historyLock);
+        if (!plan) plan = PlanFromHistoryNoLock(request, settings, now, runEnd);
+        if (plan == ReadAheadPlan::kStart) return std::nullopt;
+        RememberReadNoLock(*plan, {request->offset, request->length, now});
+    }
+    return CopySectorsNoLock(request, now, start);
+}
+
+bool ReadonlyCache::RangePresentNoLock(const _READDATA* request) {
     const long long end = std::min(request->offset + request->length, request->fileSize);
     long long cur = SectorOf(request->offset);
     for (auto entry = sectors.lower_bound(cur); cur < end; cur += kSectorSize, ++entry) {
@@ -203,17 +255,17 @@ AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::shared_mutex>& guard,
     }
 }
 
-AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request) {
+AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request,
+                                        std::chrono::steady_clock::time_point now,
+                                        SectorMap::iterator entry) {
     const long long first = SectorOf(request->offset);
     // Only bytes of the file are copied: whatever a slot holds past its end
     // is not the remote's.
     const long long fileEnd = std::clamp(request->fileSize, 0LL, kOffsetLimit);
     const long long length =
         fileEnd <= request->offset ? 0 : std::min(request->length, fileEnd - request->offset);
-    const auto now = std::chrono::steady_clock::now();
     long long total = 0;
     long long cur = first;
-    auto entry = sectors.lower_bound(first);
     for (;;) {
         // One transfer covers the following sectors whose slots lie back to
         // back in the cache file; each of them counts a read. It stops at a
@@ -321,36 +373,51 @@ void ReadonlyCache::QueueEmptySectors(const std::deque<long long>& sectorOffsets
     }
 }
 
-AERROR ReadonlyCache::CheckReadAhead(_READDATA* request, const _CACHECONFIG& settings) {
-    const _READHISTORY read{request->offset, request->length, std::chrono::steady_clock::now()};
-    AERROR result = AE_OK;
+AERROR ReadonlyCache::CheckReadAhead(_READDATA* request, const _CACHECONFIG& settings,
+                                     std::chrono::steady_clock::time_point now) {
+    long long runEnd = 0;
+    std::optional<ReadAheadPlan> plan = PlanBeforeHistoryNoLock(request, settings, &runEnd);
+    if (!plan) plan = PlanFromHistoryNoLock(request, settings, now, runEnd);
+    if (plan == ReadAheadPlan::kStart) StartReadAheadNoLock(request, runEnd, settings);
+    RememberReadNoLock(*plan, {request->offset, request->length, now});
+    return plan == ReadAheadPlan::kStart ? AE_FETCH_QUEUED : AE_OK;
+}
+
+std::optional<ReadonlyCache::ReadAheadPlan> ReadonlyCache::PlanBeforeHistoryNoLock(
+    const _READDATA* request, const _CACHECONFIG& settings, long long* runEnd) const {
     // While a large fetch runs, the read is only remembered.
-    if (largeFetch.load(std::memory_order_acquire) == nullptr) {
-        if (request->fetch == nullptr) return AE_OK;
-        const long long runEnd = GetLargestEmptyOffsetNoLock(request->offset, settings.ramax);
-        if (runEnd == -1) return AE_OK;  // cached well beyond one read-ahead
-        if (runEnd + kSectorSize >= fileSize) {
-            readHistory.clear();  // cached up to the end of the file
-            return AE_OK;
-        }
-        // runEnd < offset + quota, written so that a huge quota cannot overflow.
-        if (!readHistory.empty() && runEnd - request->offset < config->GetQuota()) {
-            const _READHISTORY& previous = readHistory.back();
-            const auto gap =
-                std::chrono::duration_cast<std::chrono::seconds>(read.time - previous.time);
-            if (gap.count() > kSequenceGapSeconds || previous.offset > request->offset ||
-                request->offset - previous.offset > settings.ramax) {
-                readHistory.clear();  // a pause, a backward read or a jump
-            } else if (static_cast<long long>(readHistory.size()) > settings.rahit) {
-                StartReadAheadNoLock(request, runEnd, settings);
-                result = AE_FETCH_QUEUED;
-            }
-        }
+    if (largeFetch.load(std::memory_order_acquire) != nullptr) return ReadAheadPlan::kRemember;
+    if (request->fetch == nullptr) return ReadAheadPlan::kIgnore;
+    *runEnd = GetLargestEmptyOffsetNoLock(request->offset, settings.ramax);
+    if (*runEnd == -1) return ReadAheadPlan::kIgnore;  // cached well beyond one read-ahead
+    if (*runEnd + kSectorSize >= fileSize) return ReadAheadPlan::kForget;  // cached to the end
+    return std::nullopt;
+}
+
+ReadonlyCache::ReadAheadPlan ReadonlyCache::PlanFromHistoryNoLock(
+    const _READDATA* request, const _CACHECONFIG& settings,
+    std::chrono::steady_clock::time_point now, long long runEnd) const {
+    // runEnd < offset + quota, written so that a huge quota cannot overflow.
+    if (readHistory.empty() || runEnd - request->offset >= config->GetQuota()) {
+        return ReadAheadPlan::kRemember;
     }
+    const _READHISTORY& previous = readHistory.back();
+    const auto gap = std::chrono::duration_cast<std::chrono::seconds>(now - previous.time);
+    if (gap.count() > kSequenceGapSeconds || previous.offset > request->offset ||
+        request->offset - previous.offset > settings.ramax) {
+        return ReadAheadPlan::kRestart;  // a pause, a backward read or a jump
+    }
+    return static_cast<long long>(readHistory.size()) > settings.rahit ? ReadAheadPlan::kStart
+                                                                       : ReadAheadPlan::kRemember;
+}
+
+void ReadonlyCache::RememberReadNoLock(ReadAheadPlan plan, const _READHISTORY& read) {
+    if (plan == ReadAheadPlan::kIgnore) return;
+    if (plan == ReadAheadPlan::kForget || plan == ReadAheadPlan::kRestart) readHistory.clear();
+    if (plan == ReadAheadPlan::kForget) return;
     if (readHistory.empty()) readAheadLevel = 1;
     readHistory.push_back(read);
     while (readHistory.size() > kHistoryLength) readHistory.pop_front();
-    return result;
 }
 
 void ReadonlyCache::StartReadAheadNoLock(_READDATA* request, long long runEnd,

@@ -24,9 +24,12 @@ namespace cache {
 
 class ReadonlyCachePeer {
   public:
+    // A copy of the sector map, in key order.
     static std::map<long long, _SECTOR> Sectors(ReadonlyCache& store) {
         std::lock_guard<std::shared_mutex> guard(store.lock);
-        return store.sectors;
+        std::map<long long, _SECTOR> copy;
+        for (const auto& [key, sector] : store.sectors) copy.emplace(key, sector);
+        return copy;
     }
     static size_t SectorCount(ReadonlyCache& store) {
         std::lock_guard<std::shared_mutex> guard(store.lock);
