@@ -155,6 +155,34 @@ TEST_F(ReadonlyTest, FailedFetchTimeOutAndClosedHandleReleaseTheRange) {
     EXPECT_TRUE(ReadonlyCachePeer::Sectors(*store).empty());
 }
 
+// Reads served from the cache alone still count, remember and look ahead as
+// any read does: the window's other sectors count as requested again, the
+// read sector as read, and sequential cached reads nearing the end of the
+// cached run start read-ahead from there.
+TEST_F(ReadonlyTest, CachedReadsKeepHitsHistoryAndReadAhead) {
+    settings.ramin = kSector;
+    settings.ramax = 4 * kMiB;
+    MakeRemote(8 * kMiB);
+    auto store = ReadOnly();
+    ASSERT_EQ(Deliver(*store, 0, 6 * kMiB), AE_OK);
+    for (long long s = 0; s < 30; ++s) {
+        ASSERT_TRUE(ReadsRemote(*store, s * kSector, kSector, fetch.get()));
+    }
+    EXPECT_TRUE(fetch->Take().empty());  // more than ramax from the run's end
+    ASSERT_TRUE(ReadsRemote(*store, 100, 1000, fetch.get()));
+    const auto sectors = ReadonlyCachePeer::Sectors(*store);
+    EXPECT_EQ(sectors.at(0).hits, 1);
+    for (long long s = 1; s <= 16; ++s) EXPECT_EQ(sectors.at(s * kSector).hits, 0) << s;
+    EXPECT_EQ(sectors.at(17 * kSector).hits, 1);
+
+    // Within ramax of the run's end: the fifth sequential read starts it.
+    for (long long offset = 2 * kMiB; offset < 2 * kMiB + 5 * kSector; offset += kSector) {
+        ASSERT_TRUE(ReadsRemote(*store, offset, kSector, fetch.get()));
+    }
+    EXPECT_TRUE(log.HasTextContaining("Read-ahead from 6225920, 65536 bytes"));
+    EXPECT_EQ(fetch->Take(), (Calls{{6 * kMiB - kSector, kSector}}));
+}
+
 // No queue is bound: read-ahead jobs run inside the reads, and Close, with
 // nothing left running, returns at once.
 TEST_F(ReadonlyTest, ReadAheadGrowsWithSequentialReadsAndRestarts) {
