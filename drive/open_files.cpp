@@ -44,12 +44,13 @@ std::shared_ptr<_FS_HANDLE> OpenRecord(Inode inode) {
 }  // namespace
 
 OpenFiles::OpenFiles(ICache* cache, HttpClient* client, RemoteTree* tree, DriveLog* log,
-                     Stats* stats, FetchPolicy policy, size_t maxUnused)
+                     Stats* stats, CacheRoom* room, FetchPolicy policy, size_t maxUnused)
     : cache_(cache),
       client_(client),
       tree_(tree),
       log_(log),
       stats_(stats),
+      room_(room),
       policy_(policy),
       maxUnused_(maxUnused) {}
 
@@ -134,7 +135,8 @@ std::shared_ptr<CachedFile> OpenFiles::MakeFile(const NodeInfo& info) {
     file->size.store(info.size);
     file->path = info.path;
     file->objectName = "i" + std::to_string(info.inode) + "v" + std::to_string(info.version);
-    file->fetcher = std::make_unique<HttpFetcher>(info, client_, tree_, log_, stats_, policy_);
+    file->fetcher =
+        std::make_unique<HttpFetcher>(info, client_, tree_, log_, stats_, policy_, room_);
     return file;
 }
 

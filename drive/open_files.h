@@ -69,10 +69,10 @@ struct OpenHandle {
 class OpenFiles {
   public:
     // Objects are opened in `cache` (not owned) with fetchers made from
-    // these parts (not owned); at most `maxUnused` objects without openers
-    // are kept.
+    // these parts (not owned; `room` may be null); at most `maxUnused`
+    // objects without openers are kept.
     OpenFiles(ICache* cache, HttpClient* client, RemoteTree* tree, DriveLog* log, Stats* stats,
-              FetchPolicy policy, size_t maxUnused);
+              CacheRoom* room, FetchPolicy policy, size_t maxUnused);
     OpenFiles(const OpenFiles&) = delete;
     OpenFiles& operator=(const OpenFiles&) = delete;
     // Releases the opens left and closes every object. REQUIRES: no other
@@ -135,6 +135,7 @@ class OpenFiles {
     RemoteTree* const tree_;
     DriveLog* const log_;
     Stats* const stats_;
+    CacheRoom* const room_;
     const FetchPolicy policy_;
     const size_t maxUnused_;
 
