@@ -276,14 +276,19 @@ class StorageLimitTest(ServedTree):
                 time.sleep(0.02)
 
         sampler = threading.Thread(target=sample)
+        since = len(self.nginx.requests())
         sampler.start()
+        start = time.monotonic()
         try:
             got = sha256sum(drive.path("huge.bin"), timeout=300)
         finally:
+            seconds = time.monotonic() - start
             done.set()
             sampler.join()
-        print(f"\n[{DRIVE}] 256 MiB read with a 64 MiB limit: cache directory peaked at "
-              f"{peak[0] / MiB:.1f} MiB")
+        fetched = sum(end - begin for begin, end in self.nginx.fetched_spans("huge.bin", since))
+        print(f"\n[{DRIVE}] 256 MiB read with a 64 MiB limit in {seconds:.1f} s: cache "
+              f"directory peaked at {peak[0] / MiB:.1f} MiB, {fetched / self.SIZE:.2f} bytes "
+              f"fetched per byte read")
         self.assertEqual(got, sha256_file(self.src("huge.bin")))
         self.assertLessEqual(peak[0], self.CEILING)
         # Eviction goes on after the read: the directory settles under the limit.
