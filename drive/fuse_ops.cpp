@@ -63,6 +63,10 @@ OpenHandle* HandleOf(const fuse_file_info* fi) {
     return reinterpret_cast<OpenHandle*>(static_cast<uintptr_t>(fi->fh));
 }
 
+Listing* ListingOf(const fuse_file_info* fi) {
+    return reinterpret_cast<Listing*>(static_cast<uintptr_t>(fi->fh));
+}
+
 void Init(void*, fuse_conn_info* conn) {
     // Reads of up to 1 MiB: libfuse derives the kernel's page limit from
     // max_write.
@@ -94,18 +98,19 @@ void GetAttr(fuse_req_t req, fuse_ino_t inode, fuse_file_info*) {
 }
 
 void OpenDir(fuse_req_t req, fuse_ino_t inode, fuse_file_info* fi) {
-    auto entries = std::make_unique<std::vector<DirEntry>>();
+    auto entries = std::make_unique<Listing>();
     if (const int error = Context(req).tree->List(inode, entries.get()); error != 0) {
         fuse_reply_err(req, error);
         return;
     }
     // The listing seen at opendir is what readdir pages through.
-    fi->fh = reinterpret_cast<uintptr_t>(entries.get());
-    if (fuse_reply_open(req, fi) == 0) entries.release();
+    Listing* listing = Context(req).listings.Add(std::move(entries));
+    fi->fh = reinterpret_cast<uintptr_t>(listing);
+    if (fuse_reply_open(req, fi) != 0) Context(req).listings.Take(listing);
 }
 
 void ReadDir(fuse_req_t req, fuse_ino_t inode, size_t size, off_t offset, fuse_file_info* fi) {
-    const auto& entries = *reinterpret_cast<std::vector<DirEntry>*>(static_cast<uintptr_t>(fi->fh));
+    const Listing& entries = *ListingOf(fi);
     std::vector<char> buffer(size);
     size_t used = 0;
     // Offsets 0 and 1 are "." and ".."; entry i is at offset i + 2.
@@ -131,7 +136,7 @@ void ReadDir(fuse_req_t req, fuse_ino_t inode, size_t size, off_t offset, fuse_f
 }
 
 void ReleaseDir(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
-    delete reinterpret_cast<std::vector<DirEntry>*>(static_cast<uintptr_t>(fi->fh));
+    Context(req).listings.Take(ListingOf(fi));
     fuse_reply_err(req, 0);
 }
 
@@ -140,21 +145,20 @@ bool WantsWrite(const fuse_file_info* fi) {
 }
 
 // Opens the file `info` for the kernel's open or create. Returns 0 and
-// fills `handle` and `fi`, or an errno value.
-int OpenFile(FuseContext& context, const NodeInfo& info, fuse_file_info* fi,
-             std::unique_ptr<OpenHandle>* handle) {
+// fills `handle` (owned by context.files until released) and `fi`, or an
+// errno value.
+int OpenFile(FuseContext& context, const NodeInfo& info, fuse_file_info* fi, OpenHandle** handle) {
     if (info.isDirectory) return EISDIR;
     bool unchanged = false;
     if (const int error = context.files->Open(info, handle, &unchanged); error != 0) return error;
     if (WantsWrite(fi)) {
-        if (const int error = context.files->BeginWrite(handle->get(), fi->flags & O_TRUNC);
-            error != 0) {
-            context.files->Release(std::move(*handle));
+        if (const int error = context.files->BeginWrite(*handle, fi->flags & O_TRUNC); error != 0) {
+            context.files->Release(*handle);
             return error;
         }
         unchanged = false;
     }
-    fi->fh = reinterpret_cast<uintptr_t>(handle->get());
+    fi->fh = reinterpret_cast<uintptr_t>(*handle);
     fi->direct_io = context.directIo;
     fi->keep_cache = unchanged && !context.directIo;
     return 0;
@@ -167,15 +171,13 @@ void Open(fuse_req_t req, fuse_ino_t inode, fuse_file_info* fi) {
         return;
     }
     NodeInfo info;
-    std::unique_ptr<OpenHandle> handle;
+    OpenHandle* handle = nullptr;
     int error = context.tree->Stat(inode, &info);
     if (error == 0) error = OpenFile(context, info, fi, &handle);
     if (error != 0) {
         fuse_reply_err(req, error);
-    } else if (fuse_reply_open(req, fi) == 0) {
-        handle.release();
-    } else {
-        context.files->Release(std::move(handle));
+    } else if (fuse_reply_open(req, fi) != 0) {
+        context.files->Release(handle);
     }
 }
 
@@ -232,7 +234,7 @@ void Create(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t, fuse_fi
     }
     NodeInfo info;
     if (error == 0) error = context.tree->Added(parent, name, &info);
-    std::unique_ptr<OpenHandle> handle;
+    OpenHandle* handle = nullptr;
     fi->flags |= O_TRUNC;
     if (error == 0) error = OpenFile(context, info, fi, &handle);
     if (error != 0) {
@@ -240,11 +242,7 @@ void Create(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t, fuse_fi
         return;
     }
     const fuse_entry_param entry = EntryOf(context, info);
-    if (fuse_reply_create(req, &entry, fi) == 0) {
-        handle.release();
-    } else {
-        context.files->Release(std::move(handle));
-    }
+    if (fuse_reply_create(req, &entry, fi) != 0) context.files->Release(handle);
 }
 
 // Marks the read's own handle record closed so that the library's wait and
@@ -307,7 +305,7 @@ void Read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info*
 }
 
 void Release(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
-    Context(req).files->Release(std::unique_ptr<OpenHandle>(HandleOf(fi)));
+    Context(req).files->Release(HandleOf(fi));
     fuse_reply_err(req, 0);
 }
 
@@ -357,13 +355,13 @@ void SetAttr(fuse_req_t req, fuse_ino_t inode, struct stat* wanted, int fields,
             NodeInfo info;
             fuse_file_info own{};
             own.flags = O_WRONLY | (wanted->st_size == 0 ? O_TRUNC : 0);
-            std::unique_ptr<OpenHandle> handle;
+            OpenHandle* handle = nullptr;
             error = context.tree->Stat(inode, &info);
             if (error == 0) error = OpenFile(context, info, &own, &handle);
             if (error == 0) {
-                error = context.files->Truncate(handle.get(), wanted->st_size);
+                error = context.files->Truncate(handle, wanted->st_size);
                 if (error == 0) error = context.files->Upload(*handle->file);
-                context.files->Release(std::move(handle));
+                context.files->Release(handle);
             }
         }
         if (error != 0) {

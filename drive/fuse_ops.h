@@ -10,6 +10,9 @@
 
 #include <fuse_lowlevel.h>
 
+#include <vector>
+
+#include "drive/handle_table.h"
 #include "drive/http_client.h"
 #include "drive/log.h"
 #include "drive/open_files.h"
@@ -18,16 +21,21 @@
 
 namespace drive {
 
-// What the operations reach through fuse_req_userdata(); none owned.
+// A directory's entries as opendir saw them, paged through by readdir.
+using Listing = std::vector<DirEntry>;
+
+// What the operations reach through fuse_req_userdata(); the pointers are
+// not owned.
 struct FuseContext {
     RemoteTree* tree = nullptr;
     OpenFiles* files = nullptr;
     Stats* stats = nullptr;
     DriveLog* log = nullptr;
     HttpClient* client = nullptr;
-    bool writable = false;      // the remote takes changes (WebDAV)
-    bool directIo = false;      // the kernel bypasses its page cache
-    double attributeTtl = 1.0;  // seconds the kernel keeps names and attributes
+    bool writable = false;          // the remote takes changes (WebDAV)
+    bool directIo = false;          // the kernel bypasses its page cache
+    double attributeTtl = 1.0;      // seconds the kernel keeps names and attributes
+    HandleTable<Listing> listings;  // the open directories
 };
 
 // The operations table to hand to fuse_session_new.

@@ -39,13 +39,14 @@ struct RangeTransfer {
 }  // namespace
 
 HttpFetcher::HttpFetcher(NodeInfo file, HttpClient* client, RemoteTree* tree, DriveLog* log,
-                         Stats* stats, FetchPolicy policy)
+                         Stats* stats, FetchPolicy policy, CacheRoom* room)
     : file_(std::move(file)),
       client_(client),
       tree_(tree),
       log_(log),
       stats_(stats),
       policy_(policy),
+      room_(room),
       etag_(file_.etag) {}
 
 bool HttpFetcher::SameVersion(const std::string& etag) {
@@ -100,6 +101,7 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, const _FS_HAN
 
     // Hands the gathered bytes to the sink; false when it refused them.
     auto deliver = [&]() {
+        if (room_ != nullptr) room_->WaitForRoom([&handle] { return HandleClosed(handle); });
         long written = 0;
         const AERROR error = sink->FetchWrite(transfer.delivered, transfer.piece.data(),
                                               static_cast<long>(transfer.piece.size()), &written);
@@ -108,6 +110,7 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, const _FS_HAN
             transfer.verdict = Outcome::kSinkFailed;
             return false;
         }
+        if (room_ != nullptr) room_->Added(static_cast<long long>(transfer.piece.size()));
         transfer.delivered += static_cast<long long>(transfer.piece.size());
         transfer.piece.clear();
         return true;

@@ -7,7 +7,8 @@
 // without retrying when the server sends other bytes than those asked for
 // (a Content-Range that differs) or says the file changed (412 to If-Match,
 // another size): then the tree is told, so the next open sees the new file.
-// A large fetch is split into parallel range requests.
+// A large fetch is split into parallel range requests. With a CacheRoom,
+// each piece waits for room in the cache directory before it is delivered.
 //
 // Thread-safe: the library calls Fetch from many queue threads at once.
 #ifndef DRIVE_HTTP_FETCHER_H_
@@ -20,6 +21,7 @@
 #include <string>
 
 #include "cache/cache.h"
+#include "drive/cache_room.h"
 #include "drive/http_client.h"
 #include "drive/remote_tree.h"
 #include "drive/stats.h"
@@ -36,9 +38,9 @@ struct FetchPolicy {
 class HttpFetcher final : public IFetch {
   public:
     // Fetches version `file.version` of `file`; all pointers are not owned
-    // and outlive the fetcher.
+    // and outlive the fetcher; `room` may be null.
     HttpFetcher(NodeInfo file, HttpClient* client, RemoteTree* tree, DriveLog* log, Stats* stats,
-                FetchPolicy policy);
+                FetchPolicy policy, CacheRoom* room = nullptr);
     HttpFetcher(const HttpFetcher&) = delete;
     HttpFetcher& operator=(const HttpFetcher&) = delete;
     virtual ~HttpFetcher() = default;
@@ -69,6 +71,7 @@ class HttpFetcher final : public IFetch {
     DriveLog* const log_;
     Stats* const stats_;
     const FetchPolicy policy_;
+    CacheRoom* const room_;
     std::atomic<long long> calls_{0};
 
     std::mutex etagLock_;

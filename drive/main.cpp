@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <climits>
@@ -30,6 +31,7 @@
 
 #include "cache/cache.h"
 #include "drive/cache_dir.h"
+#include "drive/cache_room.h"
 #include "drive/fuse_ops.h"
 #include "drive/http_client.h"
 #include "drive/log.h"
@@ -39,6 +41,18 @@
 #include "hostkit/thread_pool_queue.h"
 
 namespace {
+
+// Fetchers wait while the cache directory is over the storage limit by more
+// than limit / kRoomMarginDivisor, for at most kRoomMaxWait: long enough for
+// the library to evict sectors a second old, short of the transfers'
+// low-speed time-out. The read-ahead stays within that margin too, so that
+// what one read-ahead brings is not evicted before it is read.
+constexpr long long kRoomMarginDivisor = 4;
+constexpr std::chrono::milliseconds kRoomMaxWait{3000};
+// The library's read-ahead bounds when not configured otherwise.
+constexpr long long kLibraryReadAheadMin = 1LL << 20;
+constexpr long long kLibraryReadAheadMax = 64LL << 20;
+constexpr long long kSector = 64 * 1024;
 
 // The drive carries the version of the library it is built with.
 constexpr const char* kVersion = "cachedrive " CACHE_VERSION_STRING;
@@ -240,6 +254,27 @@ class StatsPrinter {
     std::thread thread_;
 };
 
+// Caps the read-ahead of a cache with a small limit, then applies the
+// user's configuration, which may set a cap of its own. Returns false, with
+// the reason logged, when the cache refuses a configuration.
+bool ConfigureCache(ICache* cache, const Options& options, drive::DriveLog& log) {
+    const long long readAheadMax =
+        std::max(kLibraryReadAheadMin, cache->GetLimit() / kRoomMarginDivisor / kSector * kSector);
+    if (readAheadMax < kLibraryReadAheadMax) {
+        const std::string cap =
+            "{\"cache\":{\"ra\":{\"max\":" + std::to_string(readAheadMax) + "}}}";
+        if (cache->SetConfiguration(cap.c_str()) != AE_OK) {
+            log.Error("The cache refused the configuration %s", cap.c_str());
+            return false;
+        }
+    }
+    if (options.config && cache->SetConfiguration(options.config->c_str()) != AE_OK) {
+        log.Error("The cache refused the configuration %s", options.config->c_str());
+        return false;
+    }
+    return true;
+}
+
 // True when the server answers OPTIONS with a DAV header.
 bool SpeaksWebDav(drive::HttpClient& client) {
     drive::HttpRequest request;
@@ -352,12 +387,15 @@ int Serve(const Options& options) {
             error != AE_OK) {
             log.Error("Cannot create the cache in %s: %d", cacheDir.filesPath().c_str(), error);
             status = 1;
-        } else if (options.config && cache->SetConfiguration(options.config->c_str()) != AE_OK) {
-            log.Error("The cache refused the configuration %s", options.config->c_str());
+        } else if (!ConfigureCache(cache, options, log)) {
             status = 1;
         }
         if (status == 0) {
-            drive::OpenFiles files(cache, &client, &tree, &log, &stats, drive::FetchPolicy(), 256);
+            const long long limit = cache->GetLimit();
+            drive::CacheRoom room(cacheDir.filesPath(), limit + limit / kRoomMarginDivisor,
+                                  kRoomMaxWait, &log);
+            drive::OpenFiles files(cache, &client, &tree, &log, &stats, &room, drive::FetchPolicy(),
+                                   256);
             context.files = &files;
             log.Info("Serving %s%s on %s, cache in %s", options.url.c_str(),
                      webdav ? " (WebDAV)" : "", options.mountpoint.c_str(), cachePath.c_str());

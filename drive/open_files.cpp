@@ -44,23 +44,25 @@ std::shared_ptr<_FS_HANDLE> OpenRecord(Inode inode) {
 }  // namespace
 
 OpenFiles::OpenFiles(ICache* cache, HttpClient* client, RemoteTree* tree, DriveLog* log,
-                     Stats* stats, FetchPolicy policy, size_t maxUnused)
+                     Stats* stats, CacheRoom* room, FetchPolicy policy, size_t maxUnused)
     : cache_(cache),
       client_(client),
       tree_(tree),
       log_(log),
       stats_(stats),
+      room_(room),
       policy_(policy),
       maxUnused_(maxUnused) {}
 
 OpenFiles::~OpenFiles() {
+    for (std::unique_ptr<OpenHandle>& left : opens_.TakeAll()) ReleaseTaken(std::move(left));
     std::lock_guard<std::mutex> guard(lock_);
     for (auto& [inode, file] : current_) CloseNoLock(file);
     current_.clear();
     unused_.clear();
 }
 
-int OpenFiles::Open(const NodeInfo& info, std::unique_ptr<OpenHandle>* opened, bool* unchanged) {
+int OpenFiles::Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged) {
     std::lock_guard<std::mutex> guard(lock_);
     auto last = lastOpenedVersion_.find(info.inode);
     *unchanged = last != lastOpenedVersion_.end() && last->second == info.version;
@@ -91,11 +93,15 @@ int OpenFiles::Open(const NodeInfo& info, std::unique_ptr<OpenHandle>* opened, b
     auto handle = std::make_unique<OpenHandle>();
     handle->file = slot;
     handle->record = OpenRecord(info.inode);
-    *opened = std::move(handle);
+    *opened = opens_.Add(std::move(handle));
     return 0;
 }
 
-void OpenFiles::Release(std::unique_ptr<OpenHandle> handle) {
+void OpenFiles::Release(OpenHandle* handle) {
+    if (std::unique_ptr<OpenHandle> taken = opens_.Take(handle)) ReleaseTaken(std::move(taken));
+}
+
+void OpenFiles::ReleaseTaken(std::unique_ptr<OpenHandle> handle) {
     const std::shared_ptr<CachedFile>& file = handle->file;
     if (file->writing.load()) {
         if (handle->writer) {
@@ -129,7 +135,8 @@ std::shared_ptr<CachedFile> OpenFiles::MakeFile(const NodeInfo& info) {
     file->size.store(info.size);
     file->path = info.path;
     file->objectName = "i" + std::to_string(info.inode) + "v" + std::to_string(info.version);
-    file->fetcher = std::make_unique<HttpFetcher>(info, client_, tree_, log_, stats_, policy_);
+    file->fetcher =
+        std::make_unique<HttpFetcher>(info, client_, tree_, log_, stats_, policy_, room_);
     return file;
 }
 

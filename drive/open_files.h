@@ -14,6 +14,10 @@
 // that a later flush retries; the object turns read-only again when its
 // last writer has left and nothing is pending.
 //
+// Opens are owned here, not by the kernel that holds their handles: the
+// releases of the last opens may never arrive when the mount ends, and the
+// destructor releases what is left.
+//
 // Thread-safe: one lock guards the table; reads run on the objects without it.
 #ifndef DRIVE_OPEN_FILES_H_
 #define DRIVE_OPEN_FILES_H_
@@ -26,6 +30,7 @@
 #include <string>
 
 #include "cache/cache.h"
+#include "drive/handle_table.h"
 #include "drive/http_fetcher.h"
 #include "drive/remote_tree.h"
 
@@ -64,23 +69,25 @@ struct OpenHandle {
 class OpenFiles {
   public:
     // Objects are opened in `cache` (not owned) with fetchers made from
-    // these parts (not owned); at most `maxUnused` objects without openers
-    // are kept.
+    // these parts (not owned; `room` may be null); at most `maxUnused`
+    // objects without openers are kept.
     OpenFiles(ICache* cache, HttpClient* client, RemoteTree* tree, DriveLog* log, Stats* stats,
-              FetchPolicy policy, size_t maxUnused);
+              CacheRoom* room, FetchPolicy policy, size_t maxUnused);
     OpenFiles(const OpenFiles&) = delete;
     OpenFiles& operator=(const OpenFiles&) = delete;
-    // Closes every object.
+    // Releases the opens left and closes every object. REQUIRES: no other
+    // thread uses the opens any more (the FUSE session has ended).
     ~OpenFiles();
 
     // Opens version `info.version` of a file. `*unchanged` tells whether the
     // previous open of the file saw the same version (the kernel may then
-    // keep its cached pages). Returns 0 or an errno value.
-    int Open(const NodeInfo& info, std::unique_ptr<OpenHandle>* opened, bool* unchanged);
-    // Ends an open (the kernel sends it once no read of the open runs). A
-    // writer's pending changes are uploaded first (a failure is logged; the
-    // changes stay for a later flush).
-    void Release(std::unique_ptr<OpenHandle> handle);
+    // keep its cached pages). Returns 0 and the open in `*opened`, which
+    // stays owned here until Release, or an errno value.
+    int Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged);
+    // Ends an open (the kernel sends it once no read of the open runs) and
+    // frees `handle`. A writer's pending changes are uploaded first (a
+    // failure is logged; the changes stay for a later flush).
+    void Release(OpenHandle* handle);
 
     // Makes `handle` a writer: the object becomes a complete local copy,
     // emptied when `truncate`. Returns 0, or EIO when the remote bytes could
@@ -111,6 +118,8 @@ class OpenFiles {
     long long LocalSize(Inode inode);
 
   private:
+    // Release of an open already taken out of `opens_`.
+    void ReleaseTaken(std::unique_ptr<OpenHandle> handle);
     // REQUIRES: lock_ held. Closes `file` in the cache.
     void CloseNoLock(const std::shared_ptr<CachedFile>& file);
     // REQUIRES: lock_ held. Takes `inode`'s object out of the table; it is
@@ -126,6 +135,7 @@ class OpenFiles {
     RemoteTree* const tree_;
     DriveLog* const log_;
     Stats* const stats_;
+    CacheRoom* const room_;
     const FetchPolicy policy_;
     const size_t maxUnused_;
 
@@ -133,6 +143,7 @@ class OpenFiles {
     std::map<Inode, std::shared_ptr<CachedFile>> current_;  // GUARDED_BY(lock_)
     std::map<Inode, uint64_t> lastOpenedVersion_;           // GUARDED_BY(lock_)
     std::list<std::shared_ptr<CachedFile>> unused_;         // GUARDED_BY(lock_); oldest first
+    HandleTable<OpenHandle> opens_;
 };
 
 }  // namespace drive

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "drive/tests/scripted_server.h"
+#include "hostkit/scratch.h"
 
 namespace drive {
 namespace {
@@ -76,9 +77,11 @@ class RecordingSink final : public IFetchCallback {
 };
 
 // A fetcher of "file.bin" of `content.size()` bytes on `server`, with short
-// back-offs and a stall limit of `stallSeconds`.
+// back-offs and a stall limit of `stallSeconds`, delivering through `room`
+// when one is given.
 struct FetcherRig {
-    FetcherRig(ScriptedServer& server, const std::string& content, long stallSeconds = 1)
+    FetcherRig(ScriptedServer& server, const std::string& content, long stallSeconds = 1,
+               CacheRoom* room = nullptr)
         : log(stderr, -1),
           client(server.Url(), 4, Limits(stallSeconds), &stats),
           tree(&client, &log, std::chrono::seconds(10), 4) {
@@ -88,7 +91,7 @@ struct FetcherRig {
         file.size = static_cast<long long>(content.size());
         FetchPolicy policy;
         policy.firstBackoff = std::chrono::milliseconds(1);
-        fetcher = std::make_unique<HttpFetcher>(file, &client, &tree, &log, &stats, policy);
+        fetcher = std::make_unique<HttpFetcher>(file, &client, &tree, &log, &stats, policy, room);
         handle->state = 1;
     }
     static HttpLimits Limits(long stallSeconds) {
@@ -254,6 +257,46 @@ TEST(HttpFetcherTest, AClosedHandleEndsAStalledTransfer) {
     });
     // Closed long before the 4 s stall limit would end it as a failure.
     EXPECT_EQ(rig.fetcher->Fetch(0, 1048576, rig.handle, &sink), AE_HANDLE_CLOSED);
+    closer.join();
+}
+
+TEST(HttpFetcherTest, DeliversOnlyWhenTheCacheHasRoomAndStopsWhenClosedWhileWaiting) {
+    const std::string content = RandomBytes(4 * 1048576, 7);
+    ScriptedServer server(
+        [&](const SeenRequest& request) { return ServeContent(request, content); });
+    hostkit::ScratchDir cacheDir("room-");
+    DriveLog log(stderr, -1);
+    CacheRoom room(cacheDir.path(), 1048576, std::chrono::seconds(30), &log);
+    FetcherRig rig(server, content, 5, &room);
+    const std::string full = cacheDir.Sub("full");
+
+    // Room made while the fetch waits: every byte arrives, in order.
+    hostkit::WriteRandomFile(full, 2 * 1048576);
+    RecordingSink sink(content.size());
+    AERROR result = AE_READ_FAILED;
+    std::thread fetch([&] {
+        result = rig.fetcher->Fetch(0, static_cast<long long>(content.size()), rig.handle, &sink);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_EQ(sink.Delivered(), 0) << "delivered into a full cache";
+    unlink(full.c_str());
+    fetch.join();
+    EXPECT_EQ(result, AE_OK);
+    EXPECT_TRUE(sink.Range(0, content.size()) == content);
+
+    // Closed while waiting: the fetch ends long before the wait's bound.
+    hostkit::WriteRandomFile(full, 2 * 1048576);
+    RecordingSink closedSink(content.size());
+    auto handle = std::make_shared<_FS_HANDLE>();
+    handle->state = 1;
+    std::thread closer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        std::atomic_ref<int32_t>(handle->state).store(4);
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(rig.fetcher->Fetch(0, static_cast<long long>(content.size()), handle, &closedSink),
+              AE_HANDLE_CLOSED);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     closer.join();
 }
 

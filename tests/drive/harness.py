@@ -11,7 +11,6 @@ Environment:
                        behave alike and let the harness be checked on its own
   DRIVE_TESTS_QUICK    1 skips the tests that move hundreds of MiB (used by
                        the sanitizer builds, where the drive is slow)
-  DRIVE_KNOWN_DEFECTS  1 runs the tests marked as known drive defects
 """
 
 import contextlib
@@ -51,14 +50,6 @@ def requires_fuse(cls):
     if reason:
         return unittest.skip(f"FUSE unavailable: {reason}")(cls)
     return cls
-
-
-def known_drive_defect(reason):
-    """Marks a test that fails because of a defect of the drive. It stays in
-    the suite and runs with DRIVE_KNOWN_DEFECTS=1."""
-    if os.environ.get("DRIVE_KNOWN_DEFECTS") == "1":
-        return lambda f: f
-    return unittest.skip(f"known drive defect: {reason} (DRIVE_KNOWN_DEFECTS=1 runs it)")
 
 
 def cachedrive_only(f):
