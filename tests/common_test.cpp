@@ -2,7 +2,9 @@
 // stopwatch and the string utilities.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -98,6 +100,86 @@ TEST(JsonTest, IterationCopiesDeletionAndStringValues) {
     } catch (const std::range_error& error) {
         EXPECT_STREQ("wstring_convert: from_bytes error", error.what());
     }
+}
+
+// A configuration value of the wrong type reads as zero (or empty, or
+// false) through every conversion; none of them throws.
+TEST(JsonTest, WrongTypesConvertToZeroAndCopiesShareTheValue) {
+    const Json doc(R"({"i":-5,"s":"7","t":true,"r":2.5,"n":null,"a":[1]})");
+    const struct {
+        const char* path;
+        long long integer;
+        double real;
+        bool isTrue;
+        const char* text;
+    } cases[] = {{"i", -5, 0.0, false, ""}, {"s", 0, 0.0, false, "7"}, {"t", 0, 0.0, true, ""},
+                 {"r", 0, 2.5, false, ""},  {"n", 0, 0.0, false, ""},  {"a", 0, 0.0, false, ""}};
+    for (const auto& c : cases) {
+        const JsonObject value = doc.GetObject(c.path);
+        EXPECT_EQ(c.integer, static_cast<long long>(value)) << c.path;
+        EXPECT_EQ(c.integer, static_cast<long>(value)) << c.path;
+        EXPECT_EQ(c.integer, static_cast<int>(value)) << c.path;
+        EXPECT_EQ(static_cast<unsigned long long>(c.integer),
+                  static_cast<unsigned long long>(value))
+            << c.path;
+        EXPECT_EQ(static_cast<AERROR>(c.integer), static_cast<AERROR>(value)) << c.path;
+        EXPECT_EQ(c.real, static_cast<double>(value)) << c.path;
+        EXPECT_EQ(c.isTrue, static_cast<bool>(value)) << c.path;
+        EXPECT_EQ(c.text, static_cast<std::string>(value)) << c.path;
+    }
+
+    // Copies and moves refer to the same value, and keep it alive.
+    JsonObject copy(doc.GetObject("s"));
+    JsonObject assigned;
+    assigned = copy;
+    const JsonObject& self = assigned;
+    assigned = self;
+    JsonObject moved(std::move(copy));
+    EXPECT_EQ("7", static_cast<std::string>(assigned));
+    EXPECT_EQ("7", static_cast<std::string>(moved));
+}
+
+// Every value type lands on the root; a text that cannot be UTF-8 and a
+// document without a root refuse the value instead of throwing.
+TEST(JsonTest, InsertsOnTheRootAndRefusals) {
+    Json doc;
+    EXPECT_TRUE(doc.Insert("s", std::string("x")));
+    EXPECT_TRUE(doc.Insert("u", 7ULL));
+    EXPECT_TRUE(doc.Insert("l", -3LL));
+    EXPECT_TRUE(doc.Insert("d", 0.5));
+    EXPECT_EQ(R"({"s":"x","u":7,"l":-3,"d":0.5})", doc.ToText());
+    EXPECT_FALSE(doc.Insert("w", std::wstring(1, static_cast<wchar_t>(0x110000))));
+    EXPECT_FALSE(doc.HasObject("w"));
+
+    Json unparsed("{", 1, 0);
+    JsonObject value;
+    EXPECT_FALSE(unparsed.Insert("s", std::string("x")));
+    EXPECT_FALSE(unparsed.Insert("u", 1ULL));
+    EXPECT_FALSE(unparsed.Insert("l", 1LL));
+    EXPECT_FALSE(unparsed.Insert("d", 1.0));
+    EXPECT_FALSE(unparsed.Insert("o", value));
+    EXPECT_EQ("", unparsed.ToText());
+}
+
+std::atomic<int> countedAllocations{0};
+void* CountingMalloc(size_t size) {
+    countedAllocations.fetch_add(1, std::memory_order_relaxed);
+    return std::malloc(size);
+}
+
+// Parsing puts malloc and free back into Jansson for the whole process, so
+// that printed texts are always released with free(), whatever a host set.
+TEST(JsonTest, ParsingInstallsMallocAndFreeForTheProcess) {
+    json_set_alloc_funcs(CountingMalloc, std::free);
+    Json parsed(R"({"k":1})");
+    json_malloc_t allocate = nullptr;
+    json_free_t release = nullptr;
+    json_get_alloc_funcs(&allocate, &release);
+    EXPECT_EQ(allocate, &std::malloc);
+    EXPECT_EQ(release, &std::free);
+    const int before = countedAllocations.load();
+    json_decref(json_pack("{s:i}", "key", 1));
+    EXPECT_EQ(countedAllocations.load(), before);
 }
 
 TEST(ConfigTest, ValuesStayUntilAParsedTextHoldsThem) {

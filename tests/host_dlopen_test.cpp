@@ -268,6 +268,9 @@ TEST_F(HostTest, LimitsOpenFailuresAndAnObjectOutlivingItsCache) {
     std::shared_ptr<ICacheObj> object = cache->Open("bad", 'r', size, &fetcher);
     ASSERT_TRUE(object);
     EXPECT_TRUE(ReadsRemote(*object, &fetcher, 0, 1000));
+    // A read reaching past the end fails; clipped to the size, it delivers.
+    EXPECT_EQ(ReadRange(*object, &fetcher, size, size - 100, 65536, 300).error, AE_READ_NOT_SERVED);
+    EXPECT_TRUE(ReadsRemote(*object, &fetcher, size - 100, 100));
 
     // The host's object outlives the cache: it reads, writes and closes.
     ASSERT_EQ(lib.ReleaseCache(cachePath.c_str()), AE_OK);

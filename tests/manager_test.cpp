@@ -116,6 +116,7 @@ TEST_F(ManagerTest, AnAllOnesLimitIsRaisedToTheFloor) {
     cache.reset();
     cache = std::make_unique<cache::Cache>(cachePath.c_str(), ~0ULL);
     EXPECT_EQ(cache->GetLimit(), cache::kMinimumLimit);
+    EXPECT_EQ(cache->GetQuota(), cache::kMinimumLimit);
     EXPECT_TRUE(log.HasTextContaining(", Storage limit : 67108864 bytes"));
 }
 
@@ -285,6 +286,7 @@ TEST_F(ManagerTest, HostThreadsShareNamesWhileTheQuotaThreadEvicts) {
     for (int t = 0; t < 4; ++t) hosts.emplace_back(host, t);
     for (std::thread& thread : hosts) thread.join();
     EXPECT_GT(served.load(), 0);
+    EXPECT_EQ(cache->GetUsedBytes(), 0);  // deliberately never counted
     EXPECT_TRUE(log.HasTextContaining("[a.bin] ClearOldCache : "));
 
     // Once the hosts are done, passes shrink a.bin's file to nothing on disk

@@ -5,8 +5,7 @@
 // copy); a fetch delivers from the version it started with. Pieces are
 // whole sectors (the last one may end at the end of the file), `pieceSectors`
 // at a time, so a fetcher can deliver in odd sector-aligned pieces. Faults a
-// test chooses: a latency per call, a stall until released, failing calls,
-// and stopping after a prefix that ends inside a sector.
+// test chooses: a latency per call and a stall until released.
 //
 // Thread-safe: Fetch may run on many threads at once while a test changes
 // the bytes or the faults.
@@ -80,20 +79,15 @@ class ModelRemote final : public IFetch {
         calls_.fetch_add(1, std::memory_order_relaxed);
         if (latencyMs_ > 0) std::this_thread::sleep_for(std::chrono::milliseconds(latencyMs_));
         WaitWhileStalled();
-        if (failing_.load(std::memory_order_relaxed)) return AE_READ_FAILED;
         const std::shared_ptr<const Bytes> bytes = Current();
         const long long size = static_cast<long long>(bytes->size());
-        long long end = std::min(offset + std::max(0LL, length), size);
-        const long long stopAt = stopAt_.load(std::memory_order_relaxed);
-        if (stopAt >= 0) end = std::min(end, stopAt);
+        const long long end = std::min(offset + std::max(0LL, length), size);
         for (long long position = std::max(0LL, offset); position < end;) {
             if (handle && std::atomic_ref<int32_t>(handle->state).load() > 3) {
                 return AE_HANDLE_CLOSED;
             }
-            const long long unaligned = pieceBytes_.load(std::memory_order_relaxed);
             const long long pieceEnd =
-                unaligned > 0 ? std::min(end, position + unaligned)
-                              : std::min(end, (position / kSector + pieceSectors_) * kSector);
+                std::min(end, (position / kSector + pieceSectors_) * kSector);
             long written = 0;
             const AERROR result =
                 sink->FetchWrite(position, bytes->data() + position,
@@ -115,16 +109,6 @@ class ModelRemote final : public IFetch {
         bytes_ = std::move(next);
     }
 
-    // Every later call fails with AE_READ_FAILED before delivering anything.
-    void SetFailing(bool failing) { failing_.store(failing, std::memory_order_relaxed); }
-    // Every later call delivers nothing at or past `offset` and still
-    // answers 0, as a remote that dropped the connection early; -1 ends it.
-    void StopDeliveringAt(long long offset) { stopAt_.store(offset, std::memory_order_relaxed); }
-    // Later calls deliver pieces of `bytes` each, whatever sectors they
-    // start in, as a fetcher that breaks the piece rule; 0 restores it.
-    void SetUnalignedPieces(long long bytes) {
-        pieceBytes_.store(bytes, std::memory_order_relaxed);
-    }
     // Later calls wait (10 s at most) until Release.
     void Stall() {
         std::lock_guard<std::mutex> guard(lock_);
@@ -158,9 +142,6 @@ class ModelRemote final : public IFetch {
     int waiting_ = 0;
     const long long pieceSectors_;
     const long long latencyMs_;
-    std::atomic<bool> failing_{false};
-    std::atomic<long long> stopAt_{-1};
-    std::atomic<long long> pieceBytes_{0};
     std::atomic<long long> calls_{0};
 };
 

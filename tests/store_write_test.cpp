@@ -55,7 +55,14 @@ TEST_F(WritableTest, RequestsFetchOnlyTheMissingSectorsTheyNeedAndConvert) {
     std::unique_ptr<ReadonlyCache> readonly(
         static_cast<ReadonlyCache*>(store->RebuildToReadonlyCache(fetch.get(), nullptr)));
     EXPECT_TRUE(log.HasText("[f.bin] Read only cache from writable cache created"));
-    EXPECT_THROW(ReadonlyCache(store.get(), Config()), AERROR);  // the stream has moved
+    // The stream has moved: the writable store refuses everything.
+    EXPECT_THROW(ReadonlyCache(store.get(), Config()), AERROR);
+    EXPECT_EQ(Read(*store, fetch.get(), 0, 0, 10).error, AE_INVALID_HANDLE);
+    EXPECT_EQ(Write(*store, fetch.get(), 0, 0, Pattern(10, 'e')), AE_INVALID_HANDLE);
+    EXPECT_EQ(store->FetchWrite(0, remote.data(), 10, nullptr), AE_INVALID_HANDLE);
+    EXPECT_EQ(store->Truncate(0), AE_INVALID_HANDLE);
+    EXPECT_EQ(store->Close(), AE_INVALID_HANDLE);
+    EXPECT_EQ(store->GetFileSize(), 0);
     store.reset();  // removes the path; the read-only store keeps the stream
     EXPECT_EQ(put(*readonly, nullptr, 11 * kSector + 5, Pattern(10, 'c')), AE_OK);
     EXPECT_EQ(put(*readonly, nullptr, 10 * kSector + 1000, Pattern(kSector - 1000, 'd')), AE_OK);
@@ -96,6 +103,7 @@ TEST_F(WritableTest, TruncateAndFillsWorkOnRunsOfMissingSectors) {
     EXPECT_EQ(grown->FillEmptySectors(fetch.get()), AE_OK);
     EXPECT_EQ(fetch->Take(), (Calls{{kSector, 3 * kSector}, {kSector, 3 * kSector}}));
     EXPECT_EQ(grown->Truncate(-1), AE_WRITE_FAILED);
+    EXPECT_EQ(grown->Truncate(cache::kOffsetLimit + 1), AE_WRITE_FAILED);
     EXPECT_TRUE(log.HasText("[grown.bin] Truncate failed : Invalid argument"));
 }
 
