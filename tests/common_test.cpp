@@ -129,7 +129,8 @@ TEST(JsonTest, WrongTypesConvertToZeroAndCopiesShareTheValue) {
     }
 
     // Copies and moves refer to the same value, and keep it alive.
-    JsonObject copy(doc.GetObject("s"));
+    const JsonObject original = doc.GetObject("s");
+    JsonObject copy(original);
     JsonObject assigned;
     assigned = copy;
     const JsonObject& self = assigned;

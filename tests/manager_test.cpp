@@ -206,12 +206,20 @@ TEST_F(ManagerTest, WriteSizesAndTheClosedStateUntilReopened) {
     EXPECT_EQ(object->GetFileSize(), 0);
     object->ClearOldCache(true);
 
-    // SetMode attaches a fresh store of either kind.
+    // SetMode attaches a fresh store of either kind. A reservation made and
+    // cleared through the object leaves nothing for a read to wait on; a
+    // rehashed store logs under its new name.
     ASSERT_EQ(object->SetMode('r', size, &fetcher), AE_OK);
+    EXPECT_EQ(object->Reserve(0, size), AE_OK);
+    EXPECT_EQ(object->ClearReserved(0, size), AE_OK);
     EXPECT_TRUE(ReadsRemote(*object, &fetcher, 0, size));
     object->Close();
+    EXPECT_EQ(object->Reserve(0, size), AE_NOT_FOUND);
+    EXPECT_EQ(object->ClearReserved(0, size), AE_NOT_FOUND);
     ASSERT_EQ(object->SetMode('w', size, &fetcher), AE_OK);
+    ASSERT_EQ(cache->Rehash("data.bin", "renamed", "renamed.bin"), AE_OK);
     EXPECT_TRUE(ReadsRemote(*object, &fetcher, 5, 70000));
+    EXPECT_TRUE(log.HasTextContaining("[renamed.bin] Read done"));
 }
 
 // The stricter ages apply only while the read-only files exceed the limit.

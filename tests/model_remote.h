@@ -4,18 +4,17 @@
 // The bytes can be replaced at any time (a host that uploaded a written
 // copy); a fetch delivers from the version it started with. Pieces are
 // whole sectors (the last one may end at the end of the file), `pieceSectors`
-// at a time, so a fetcher can deliver in odd sector-aligned pieces. Faults a
-// test chooses: a latency per call and a stall until released.
+// at a time, so a fetcher can deliver in odd sector-aligned pieces, each
+// call after a latency the test chooses.
 //
 // Thread-safe: Fetch may run on many threads at once while a test changes
-// the bytes or the faults.
+// the bytes.
 #ifndef CACHE_TESTS_MODEL_REMOTE_H_
 #define CACHE_TESTS_MODEL_REMOTE_H_
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -72,13 +71,11 @@ class ModelRemote final : public IFetch {
           latencyMs_(latencyMs) {}
     ModelRemote(const ModelRemote&) = delete;
     ModelRemote& operator=(const ModelRemote&) = delete;
-    virtual ~ModelRemote() { Release(); }
+    virtual ~ModelRemote() = default;
 
     AERROR Fetch(long long offset, long long length, std::shared_ptr<_FS_HANDLE> handle,
                  IFetchCallback* sink) override {
-        calls_.fetch_add(1, std::memory_order_relaxed);
         if (latencyMs_ > 0) std::this_thread::sleep_for(std::chrono::milliseconds(latencyMs_));
-        WaitWhileStalled();
         const std::shared_ptr<const Bytes> bytes = Current();
         const long long size = static_cast<long long>(bytes->size());
         const long long end = std::min(offset + std::max(0LL, length), size);
@@ -109,40 +106,11 @@ class ModelRemote final : public IFetch {
         bytes_ = std::move(next);
     }
 
-    // Later calls wait (10 s at most) until Release.
-    void Stall() {
-        std::lock_guard<std::mutex> guard(lock_);
-        stalled_ = true;
-    }
-    void Release() {
-        std::lock_guard<std::mutex> guard(lock_);
-        stalled_ = false;
-        wake_.notify_all();
-    }
-    // True once `count` calls wait at the stall (10 s at most).
-    bool WaitForStalled(int count) {
-        std::unique_lock<std::mutex> guard(lock_);
-        return wake_.wait_for(guard, std::chrono::seconds(10), [&] { return waiting_ >= count; });
-    }
-    long long Calls() const { return calls_.load(std::memory_order_relaxed); }
-
   private:
-    void WaitWhileStalled() {
-        std::unique_lock<std::mutex> guard(lock_);
-        ++waiting_;
-        wake_.notify_all();
-        wake_.wait_for(guard, std::chrono::seconds(10), [&] { return !stalled_; });
-        --waiting_;
-    }
-
-    mutable std::mutex lock_;  // guards bytes_, stalled_, waiting_
-    std::condition_variable wake_;
+    mutable std::mutex lock_;  // guards bytes_
     std::shared_ptr<const Bytes> bytes_;
-    bool stalled_ = false;
-    int waiting_ = 0;
     const long long pieceSectors_;
     const long long latencyMs_;
-    std::atomic<long long> calls_{0};
 };
 
 }  // namespace modeltest

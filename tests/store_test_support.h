@@ -31,10 +31,6 @@ class ReadonlyCachePeer {
         for (const auto& [key, sector] : store.sectors) copy.emplace(key, sector);
         return copy;
     }
-    static size_t SectorCount(ReadonlyCache& store) {
-        std::lock_guard<std::shared_mutex> guard(store.lock);
-        return store.sectors.size();
-    }
     // Queues `slot` as free, as eviction would.
     static void AddFreeSlot(ReadonlyCache& store, long long slot) {
         std::lock_guard<std::shared_mutex> guard(store.lock);
@@ -105,10 +101,12 @@ class TestFetcher final : public IFetch {
     Calls calls_;
 };
 
-inline testhost::ReadResult Read(ICacheFile& store, IFetch* fetch, long long fileSize,
-                                 long long offset, long long length, long long timeout = 0,
-                                 std::shared_ptr<_FS_HANDLE> handle = testhost::OpenHandle(),
-                                 RD_FLAGS flags = RD_NONE) {
+// One read or write through a store or a cache object (`Io`).
+template <class Io>
+testhost::ReadResult Read(Io& store, IFetch* fetch, long long fileSize, long long offset,
+                          long long length, long long timeout = 0,
+                          std::shared_ptr<_FS_HANDLE> handle = testhost::OpenHandle(),
+                          RD_FLAGS flags = RD_NONE) {
     testhost::ReadResult result;
     result.bytes.assign(static_cast<size_t>(length), '\0');
     _READDATA request{
@@ -119,9 +117,10 @@ inline testhost::ReadResult Read(ICacheFile& store, IFetch* fetch, long long fil
     return result;
 }
 
-inline AERROR Write(ICacheFile& store, IFetch* fetch, long long fileSize, long long offset,
-                    const std::vector<char>& bytes, long long timeout = 0,
-                    std::shared_ptr<_FS_HANDLE> handle = testhost::OpenHandle()) {
+template <class Io>
+AERROR Write(Io& store, IFetch* fetch, long long fileSize, long long offset,
+             const std::vector<char>& bytes, long long timeout = 0,
+             std::shared_ptr<_FS_HANDLE> handle = testhost::OpenHandle()) {
     _WRITEDATA request{bytes.data(), offset, std::ssize(bytes), 0, std::move(handle), fileSize,
                        fetch,        timeout};
     const AERROR error = store.Write(&request);
@@ -179,7 +178,8 @@ class StoreTest : public ::testing::Test {
         return store.FetchWrite(offset, remote.data() + offset, static_cast<long>(length), nullptr);
     }
     // True when a read of the range succeeds with exactly the remote's bytes.
-    bool ReadsRemote(ICacheFile& store, long long offset, long long length, IFetch* source) {
+    template <class Io>
+    bool ReadsRemote(Io& store, long long offset, long long length, IFetch* source) {
         const auto result = Read(store, source, Size(), offset, length);
         return result.error == AE_OK && result.bytes == Slice(remote, offset, length);
     }

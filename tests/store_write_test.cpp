@@ -147,7 +147,7 @@ TEST_F(WritableTest, ConversionCostsWhatTheCopyHolds) {
     ASSERT_EQ(Write(*small, nullptr, 0, 0, Pattern(100, 'a')), AE_OK);
     ASSERT_EQ(Write(*small, nullptr, 0, 2 * kSector + 5, Pattern(100, 'b')), AE_OK);
     auto dense = convert(*small);
-    EXPECT_EQ(ReadonlyCachePeer::SectorCount(*dense), 3u);
+    EXPECT_EQ(ReadonlyCachePeer::Sectors(*dense).size(), 3u);
     EXPECT_EQ(Read(*dense, fetch.get(), std::ssize(image), 0, std::ssize(image)).bytes, image);
     EXPECT_TRUE(fetch->Take().empty());
 
@@ -156,7 +156,7 @@ TEST_F(WritableTest, ConversionCostsWhatTheCopyHolds) {
     ASSERT_EQ(Write(*huge, nullptr, 0, 0, Pattern(100, 'c')), AE_OK);
     ASSERT_EQ(Write(*huge, nullptr, 0, kHuge - 100, Pattern(100, 'd')), AE_OK);
     auto sparse = convert(*huge);
-    EXPECT_EQ(ReadonlyCachePeer::SectorCount(*sparse), 2u);
+    EXPECT_EQ(ReadonlyCachePeer::Sectors(*sparse).size(), 2u);
     EXPECT_EQ(Read(*sparse, nullptr, kHuge, 0, 100).bytes, Pattern(100, 'c'));
     EXPECT_EQ(Read(*sparse, nullptr, kHuge, kHuge - 100, 100).bytes, Pattern(100, 'd'));
     EXPECT_EQ(Read(*sparse, nullptr, kHuge, kSector, 100).transferred, 0);  // a hole: absent
@@ -235,9 +235,12 @@ TEST_F(WritableTest, BadRequestsToEitherStoreAreRefused) {
             EXPECT_EQ(store->Read(&read), AE_READ_FAILED) << offset << ", " << length;
         }
     }
-    EXPECT_EQ(readonly->FetchWrite(0, remote.data(), -1, nullptr), AE_WRITE_FAILED);
-    EXPECT_EQ(readonly->FetchWrite(0, nullptr, 10, nullptr), AE_WRITE_FAILED);
-    EXPECT_EQ(readonly->FetchWrite(-1, remote.data(), 10, nullptr), AE_WRITE_FAILED);
+    for (IFetchCallback* sink :
+         std::initializer_list<IFetchCallback*>{writable.get(), readonly.get()}) {
+        EXPECT_EQ(sink->FetchWrite(0, remote.data(), -1, nullptr), AE_WRITE_FAILED);
+        EXPECT_EQ(sink->FetchWrite(0, nullptr, 10, nullptr), AE_WRITE_FAILED);
+        EXPECT_EQ(sink->FetchWrite(-1, remote.data(), 10, nullptr), AE_WRITE_FAILED);
+    }
     EXPECT_EQ(readonly->Reserve(-kSector, kSector), AE_NOTHING_RESERVED);
     EXPECT_EQ(readonly->Reserve(0, LLONG_MAX), AE_NOTHING_RESERVED);
     EXPECT_TRUE(ReadonlyCachePeer::Sectors(*readonly).empty());
