@@ -294,7 +294,7 @@ TEST_F(ManagerTest, HostThreadsShareNamesWhileTheQuotaThreadEvicts) {
     for (int t = 0; t < 4; ++t) hosts.emplace_back(host, t);
     for (std::thread& thread : hosts) thread.join();
     EXPECT_GT(served.load(), 0);
-    EXPECT_EQ(cache->GetUsedBytes(), 0);  // deliberately never counted
+    EXPECT_EQ(cache->GetUsedBytes(), 0);  // the manager keeps no count of its own
     EXPECT_TRUE(log.HasTextContaining("[a.bin] ClearOldCache : "));
 
     // Once the hosts are done, passes shrink a.bin's file to nothing on disk
