@@ -31,6 +31,8 @@ TEST(JsonTest, PathLookupAndParseFailures) {
     EXPECT_EQ(R"({"b":5})", doc.GetObject("/").GetObject("a").ToText());
     for (const char* path : {"/a/c", "/a/b/c", "/x/a"}) EXPECT_FALSE(doc.HasObject(path)) << path;
     EXPECT_EQ(AE_NOT_FOUND, Thrown([&] { doc.GetObject("/a/c"); }));
+    EXPECT_EQ(AE_NOT_FOUND, Thrown([&] { doc.GetObject(nullptr); }));
+    EXPECT_FALSE(doc.HasObject(nullptr));
 
     // Text that does not parse throws 6001, but not from the form with flags.
     const std::string bad = R"({"a":)";

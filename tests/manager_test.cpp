@@ -182,6 +182,10 @@ TEST_F(ManagerTest, WriteSizesAndTheClosedStateUntilReopened) {
     EXPECT_STREQ(object->GetHashIndex(), "hash:b");
     EXPECT_STREQ(first, "data.bin");
 
+    // A null request is refused, not followed.
+    EXPECT_EQ(object->Read(nullptr), AE_NOT_FOUND);
+    EXPECT_EQ(object->Write(nullptr), AE_NOT_FOUND);
+
     // Without a fetcher a write lands at once and gives the store a size,
     // which a failed write reports too: the remote is down for a partial
     // write into an uncached sector.
