@@ -3,10 +3,10 @@
 //
 // A read walks the sectors of its range and of the window it queues, one
 // after the other. In a tree with one node per sector every step of such a
-// walk chases a pointer; here sixteen consecutive sectors share one page, a
-// flat array with a bit per present entry, so a walk steps through memory
-// and descends the tree once per mebibyte. A dense gibibyte costs about
-// 700 KiB of entries.
+// walk chases a pointer; here 32 consecutive sectors share one page, a flat
+// array with a bit per present entry, so a walk steps through memory and
+// descends the tree once per two mebibytes. A dense gibibyte costs about
+// 700 KiB of entries; a lone sector costs a page of 1.3 KiB.
 //
 // The interface is the part of std::map the stores use: keys are ascending
 // sector offsets (multiples of the sector size, never negative), iteration is
@@ -52,9 +52,9 @@ inline void SectorHit(_SECTOR& sector, std::chrono::steady_clock::time_point now
 }
 
 class SectorMap {
-    // Sixteen sectors (1 MiB) per page, so that the mebibyte a small read
-    // queues touches at most two pages.
-    static constexpr int kPageSectors = 16;
+    // 32 sectors (2 MiB) per page: the mebibyte a small read queues mostly
+    // lies in one page, never in more than two. `present` has a bit each.
+    static constexpr int kPageSectors = 32;
     static constexpr long long kPageBytes = kPageSectors * kSectorSize;
 
     struct Page {
