@@ -217,8 +217,7 @@ _SECTOR& ReadonlyCache::InsertSectorNoLock(long long key, const _SECTOR& sector)
     return sectors.emplace(key, sector).first->second;
 }
 
-SectorMap::iterator ReadonlyCache::EraseSectorNoLock(
-    SectorMap::iterator entry) {
+SectorMap::iterator ReadonlyCache::EraseSectorNoLock(SectorMap::iterator entry) {
     runs.Erase(entry->first);
     SectorsChangedNoLock();
     return sectors.erase(entry);
@@ -377,8 +376,7 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
     return AE_OK;
 }
 
-AERROR ReadonlyCache::FailFetchWriteNoLock(SectorMap::iterator entry,
-                                           int error) {
+AERROR ReadonlyCache::FailFetchWriteNoLock(SectorMap::iterator entry, int error) {
     Log(LL_ERROR, "[%s] Fetch write failed : %s", strerror(error));
     // Only the sector this write was filling is given up; present sectors,
     // including the one being rewritten, keep their bytes. A slot inside the
