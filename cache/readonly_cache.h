@@ -343,9 +343,17 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     AERROR WaitForSectors(std::unique_lock<std::shared_mutex>& guard, _READDATA* request,
                           QueueState& state);
     // True when every sector of the request's range within the file is
-    // present (not reserved) and complete, as WaitForSectors requires.
+    // present (not reserved) and complete, as WaitForSectors requires;
+    // `entry` is the map's lower bound of the range's first sector.
     // REQUIRES: `lock` held, shared or exclusive.
-    bool RangePresentNoLock(const _READDATA* request);
+    bool RangePresentNoLock(const _READDATA* request, SectorMap::iterator entry);
+    // Walks the sectors of [first, end), `entry` being the map's lower bound
+    // of `first`: resets the hits of each one cached or reserved (requested
+    // again), and counts each one absent or incomplete, appending it to
+    // `missing` when that is non-null. Returns the count. The resets are
+    // atomic, so `lock` may be held shared or exclusive.
+    long long ScanWindowNoLock(long long first, long long end, SectorMap::iterator entry,
+                               std::vector<long long>* missing);
     // Copies the request's range out of the cache file, counting a read of
     // each sector at `now`; `entry` is the map's lower bound of the range's
     // first sector. REQUIRES: `lock` held, shared or exclusive; every sector

@@ -28,6 +28,12 @@ constexpr size_t kHistoryLength = 10;
 constexpr long long kSequenceGapSeconds = 300;
 constexpr int kMaxReadAheadLevel = 50;
 
+// Where the window a read queues ends: a small read still asks for a whole
+// mebibyte from its offset, clipped at the end of the file.
+long long WindowEnd(const _READDATA* request) {
+    return std::min(request->offset + std::max(request->length, kMinimumQueued), request->fileSize);
+}
+
 }  // namespace
 
 AERROR ReadonlyCache::Read(_READDATA* request) {
@@ -62,10 +68,8 @@ AERROR ReadonlyCache::Read(_READDATA* request) {
             AE_FETCH_QUEUED) {
             state = QueueState::kReadAhead;
         }
-        const long long end = std::min(request->offset + std::max(request->length, kMinimumQueued),
-                                       request->fileSize);
-        const AERROR queued =
-            QueueEmptySectors(SectorOf(request->offset), end, request->fetch, request->handle);
+        const AERROR queued = QueueEmptySectors(SectorOf(request->offset), WindowEnd(request),
+                                                request->fetch, request->handle);
         if (queued == AE_FETCH_QUEUED) {
             state = QueueState::kSectors;
         } else if (queued != AE_OK) {
@@ -86,7 +90,7 @@ AERROR ReadonlyCache::Read(_READDATA* request) {
             if (request->fetch == nullptr) {
                 return file == nullptr ? AE_INVALID_HANDLE : CopySectorsNoLock(request, now, start);
             }
-            if (file != nullptr && RangePresentNoLock(request)) {
+            if (file != nullptr && RangePresentNoLock(request, start)) {
                 return CopySectorsNoLock(request, now, start);
             }
         }
@@ -101,28 +105,16 @@ std::optional<AERROR> ReadonlyCache::ServeCachedNoLock(_READDATA* request,
     if ((request->flags & RD_FETCH_ALL) != RD_NONE || request->fileSize != fileSize) {
         return std::nullopt;
     }
-    // One walk over the window a read queues (which holds its own range):
-    // what the queueing pass would reset, reset; anything it would queue,
+    // What the queueing pass would reset is reset; anything it would queue,
     // or a sector of the range that is not ready, sends the read to the
-    // exclusive path.
+    // exclusive path, which resets the same counts again.
     const long long first = SectorOf(request->offset);
-    const long long windowEnd =
-        std::min(request->offset + std::max(request->length, kMinimumQueued), fileSize);
-    const long long rangeEnd = std::min(request->offset + request->length, fileSize);
-    const bool fetching = request->fetch != nullptr;
     const auto start = sectors.lower_bound(first);
-    auto entry = start;
-    for (long long cur = first; cur < windowEnd; cur += kSectorSize) {
-        const bool found = entry != sectors.end() && entry->first == cur;
-        const bool complete = found && IsCompleteNoLock(cur, entry->second);
-        if (found && (entry->second.reserved || complete)) {
-            std::atomic_ref<long long>(entry->second.hits).store(0, std::memory_order_relaxed);
-        } else if (fetching) {
-            return std::nullopt;  // to be queued
-        }
-        if (fetching && cur < rangeEnd && !complete) return std::nullopt;  // to be waited for
-        if (found) ++entry;
+    const bool fetching = request->fetch != nullptr;
+    if (ScanWindowNoLock(first, WindowEnd(request), start, nullptr) > 0 && fetching) {
+        return std::nullopt;
     }
+    if (fetching && !RangePresentNoLock(request, start)) return std::nullopt;
     const auto now = std::chrono::steady_clock::now();
     long long runEnd = 0;
     std::optional<ReadAheadPlan> plan = PlanBeforeHistoryNoLock(request, settings, &runEnd);
@@ -135,10 +127,9 @@ std::optional<AERROR> ReadonlyCache::ServeCachedNoLock(_READDATA* request,
     return CopySectorsNoLock(request, now, start);
 }
 
-bool ReadonlyCache::RangePresentNoLock(const _READDATA* request) {
+bool ReadonlyCache::RangePresentNoLock(const _READDATA* request, SectorMap::iterator entry) {
     const long long end = std::min(request->offset + request->length, request->fileSize);
-    long long cur = SectorOf(request->offset);
-    for (auto entry = sectors.lower_bound(cur); cur < end; cur += kSectorSize, ++entry) {
+    for (long long cur = SectorOf(request->offset); cur < end; cur += kSectorSize, ++entry) {
         if (entry == sectors.end() || entry->first != cur ||
             !IsCompleteNoLock(cur, entry->second)) {
             return false;
@@ -326,21 +317,29 @@ AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request,
     return AE_OK;
 }
 
+long long ReadonlyCache::ScanWindowNoLock(long long first, long long end, SectorMap::iterator entry,
+                                          std::vector<long long>* missing) {
+    long long count = 0;
+    for (long long cur = first; cur < end; cur += kSectorSize) {
+        const bool found = entry != sectors.end() && entry->first == cur;
+        if (found && (entry->second.reserved || IsCompleteNoLock(cur, entry->second))) {
+            // Requested again. Readers under the shared lock reset it too.
+            std::atomic_ref<long long>(entry->second.hits).store(0, std::memory_order_relaxed);
+        } else {
+            ++count;  // absent, or short of the file's end
+            if (missing != nullptr) missing->push_back(cur);
+        }
+        if (found) ++entry;
+    }
+    return count;
+}
+
 AERROR ReadonlyCache::QueueEmptySectors(long long first, long long end, IFetch* fetch,
                                         std::shared_ptr<_FS_HANDLE> handle) {
     if (file == nullptr) return AE_INVALID_HANDLE;
     // A vector allocates nothing while the range is cached (a deque would).
     std::vector<long long> missing;
-    auto entry = sectors.lower_bound(first);
-    for (long long cur = first; cur < end; cur += kSectorSize) {
-        const bool found = entry != sectors.end() && entry->first == cur;
-        if (found && (entry->second.reserved || IsCompleteNoLock(cur, entry->second))) {
-            entry->second.hits = 0;  // requested again
-        } else if (fetch != nullptr) {
-            missing.push_back(cur);  // absent, or short of the file's end
-        }
-        if (found) ++entry;
-    }
+    ScanWindowNoLock(first, end, sectors.lower_bound(first), fetch != nullptr ? &missing : nullptr);
     if (missing.empty()) return AE_OK;
     QueueEmptySectors(std::deque<long long>(missing.begin(), missing.end()), fetch,
                       std::move(handle));
