@@ -2,9 +2,9 @@
 
 #include <time.h>
 
-#include <cwchar>
-#include <iterator>
 #include <string>
+
+#include "hostkit/log_text.h"
 
 namespace drive {
 
@@ -25,23 +25,17 @@ void DriveLog::Log(LOGLEVEL level, const char* format, ...) {
 }
 
 void DriveLog::LogW(LOGLEVEL level, const wchar_t* format, ...) {
-    // The library logs narrow text only; a wide line is kept in 7-bit ASCII.
     if (!Passes(level)) return;
-    wchar_t wide[1024];
     va_list args;
     va_start(args, format);
-    const int length = vswprintf(wide, std::size(wide), format, args);
+    const std::string narrow = hostkit::FormatWide(format, args);
     va_end(args);
-    std::string narrow;
-    for (int i = 0; i < length; ++i) {
-        narrow += static_cast<unsigned long>(wide[i]) < 0x80 ? static_cast<char>(wide[i]) : '?';
-    }
     Log(level, "%s", narrow.c_str());
 }
 
 void DriveLog::LogV(LOGLEVEL level, const char* format, va_list args) {
     if (!Passes(level)) return;
-    Write((level & LL_ERROR) ? "ERROR" : (level & LL_INFO) ? "INFO" : "DETAIL", format, args);
+    Write(hostkit::SeverityName(level), format, args);
 }
 
 void DriveLog::Info(const char* format, ...) {

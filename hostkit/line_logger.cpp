@@ -1,25 +1,10 @@
 #include "hostkit/line_logger.h"
 
-#include <cwchar>
-#include <iterator>
-#include <string_view>
 #include <utility>
 
+#include "hostkit/log_text.h"
+
 namespace hostkit {
-
-namespace {
-
-// `wide` with every character beyond 7-bit ASCII shown as '?'.
-std::string Narrow(std::wstring_view wide) {
-    std::string narrow;
-    narrow.reserve(wide.size());
-    for (const wchar_t c : wide) {
-        narrow += static_cast<unsigned long>(c) < 0x80 ? static_cast<char>(c) : '?';
-    }
-    return narrow;
-}
-
-}  // namespace
 
 LineLogger::LineLogger(FILE* echo, bool keep) : echo_(echo), keep_(keep) {}
 
@@ -31,14 +16,11 @@ void LineLogger::Log(LOGLEVEL level, const char* format, ...) {
 }
 
 void LineLogger::LogW(LOGLEVEL level, const wchar_t* format, ...) {
-    wchar_t wide[1024];
     va_list args;
     va_start(args, format);
-    const int length = vswprintf(wide, std::size(wide), format, args);
+    std::string text = FormatWide(format, args);
     va_end(args);
-    const std::wstring_view text =
-        length >= 0 ? std::wstring_view(wide, static_cast<size_t>(length)) : format;
-    Keep(level, Narrow(format), Narrow(text));
+    Keep(level, Narrow(format), std::move(text));
 }
 
 void LineLogger::LogV(LOGLEVEL level, const char* format, va_list args) {
@@ -54,8 +36,7 @@ void LineLogger::LogV(LOGLEVEL level, const char* format, va_list args) {
 void LineLogger::Keep(LOGLEVEL level, std::string format, std::string text) {
     std::lock_guard<std::mutex> guard(lock_);
     if (echo_ != nullptr) {
-        const char* severity = (level & LL_ERROR) ? "ERROR" : (level & LL_INFO) ? "INFO" : "DETAIL";
-        fprintf(echo_, "[%s] %s\n", severity, text.c_str());
+        fprintf(echo_, "[%s] %s\n", SeverityName(level), text.c_str());
     }
     if (keep_) lines_.push_back({level, std::move(format), std::move(text)});
 }
