@@ -91,6 +91,11 @@ FILE* CacheDirectory::CreateFile(const std::string& name, CacheFileName* chosen)
     }
 }
 
+bool CacheDirectory::IsRemoved() const {
+    struct stat st;
+    return fstat(descriptor_, &st) == 0 && st.st_nlink == 0;
+}
+
 void CacheDirectory::RemoveFile(const CacheFileName& file) const {
     if (file.fileName.empty()) return;
     struct stat st;

@@ -1,12 +1,13 @@
 // CacheDirectory: the cache directory, held open for as long as anything
 // creates or deletes files in it.
 //
-// The manager opens the directory once; every store then names, creates and
+// The manager opens the directory and every store then names, creates and
 // deletes its cache file relative to that descriptor, never through the path
 // text. If the path is later swapped for a symbolic link, or the directory is
 // removed and made again, stores go on working in the directory they were
-// given (or fail, once it is gone) and never create or delete anything
-// elsewhere.
+// given (their open files keep working once it is gone) and never create or
+// delete anything elsewhere. Once the directory is removed the manager opens
+// the path again for new objects (IsRemoved).
 //
 // Shared-owned: cache objects and their stores may outlive the manager, and
 // the descriptor stays open until the last of them lets go. Nothing changes
@@ -54,6 +55,10 @@ class CacheDirectory {
     // the same file first, the next free name is taken. Null on failure
     // (errno set), for instance once the directory has been removed.
     FILE* CreateFile(const std::string& name, CacheFileName* chosen) const;
+
+    // True once the directory has been removed (its link count is 0): no
+    // file can be created in it any more.
+    bool IsRemoved() const;
 
     // Deletes `file` if the entry under its name is still the file that
     // CreateFile made (same device and inode); anything else standing there

@@ -11,6 +11,7 @@
 
 #include "cache/bindings.h"
 #include "cache/cache_obj.h"
+#include "cache/file_io.h"
 #include "common/utils.h"
 
 namespace cache {
@@ -120,9 +121,23 @@ std::shared_ptr<ICacheObj> Cache::Open(const char* name, char mode, long long fi
     std::shared_ptr<CacheObj>& entry = table[key];
     static const std::regex backslash("\\\\");
     const std::string baseName = split(key, backslash).back();
-    entry =
-        std::make_shared<CacheObj>(directoryHandle, baseName, mode, fileSize, fetch, settings, key);
+    entry = std::make_shared<CacheObj>(CurrentDirectoryNoLock(), baseName, mode, fileSize, fetch,
+                                       settings, key);
     return entry;
+}
+
+const std::shared_ptr<const CacheDirectory>& Cache::CurrentDirectoryNoLock() {
+    if (!directoryHandle->IsRemoved()) return directoryHandle;
+    try {
+        MakeDirectories(directory);
+    } catch (AERROR) {
+        return directoryHandle;
+    }
+    if (auto reopened = CacheDirectory::Open(directory)) {
+        directoryHandle = std::move(reopened);
+        LogText(LL_INFO | LL_CACHE, "Cache directory made again : " + directory);
+    }
+    return directoryHandle;
 }
 
 AERROR Cache::Close(const char* name) {
@@ -196,7 +211,8 @@ std::vector<std::shared_ptr<CacheObj>> Cache::CopyObjects() {
 long long Cache::ReadonlyBytes(const std::vector<std::shared_ptr<CacheObj>>& objects) {
     long long total = 0;
     for (const std::shared_ptr<CacheObj>& object : objects) {
-        if (object->IsReadOnly()) total += object->GetFileSize();
+        // Sparse cache files may each come near the largest count.
+        if (object->IsReadOnly()) total = SaturatingAdd(total, object->GetFileSize());
     }
     return total;
 }

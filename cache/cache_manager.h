@@ -73,9 +73,11 @@ class Cache : public ICache, public ICacheConfig {
     AERROR SetLimit(unsigned long long limit) override;
     // The object of `name` (exact text), created with `mode`, `fileSize` and
     // `fetch` when the name is not open yet; for an open name those are
-    // ignored. An AERROR from the object's construction is thrown, leaving
-    // an empty entry under `name`, so later Opens of it return null until
-    // Close(name). AE_NOT_FOUND is thrown for a null name.
+    // ignored. A new object's cache file goes to the cache directory, made
+    // again first if it has been removed. An AERROR from the object's
+    // construction is thrown, leaving an empty entry under `name`, so later
+    // Opens of it return null until Close(name). AE_NOT_FOUND is thrown for
+    // a null name.
     std::shared_ptr<ICacheObj> Open(const char* name, char mode, long long fileSize,
                                     IFetch* fetch) override;
     // Drops the table's reference to `name`'s object (it is not closed: it
@@ -107,6 +109,12 @@ class Cache : public ICache, public ICacheConfig {
     static void LogText(LOGLEVEL level, const std::string& text);
     // Makes every directory of `path` and returns the normalised text.
     static std::string MakeDirectories(const std::string& path);
+    // The directory new objects go to: the one held, or, once that has been
+    // removed, the path opened again (made as the constructor makes it; the
+    // last component never a symbolic link). When that fails the removed
+    // one stays, and creating files in it fails.
+    // REQUIRES: `tableLock` held.
+    const std::shared_ptr<const CacheDirectory>& CurrentDirectoryNoLock();
     // Lowers the limit to half the free space when it does not fit.
     void AdjustLimit();
     // Refreshes the applied record from the configuration store.
@@ -126,8 +134,9 @@ class Cache : public ICache, public ICacheConfig {
     const std::shared_ptr<CacheSettings> settings;
     std::string directory;  // absolute, beginning and ending with '/'
     // The directory held open; every store creates and deletes its file
-    // through it, and keeps it as long as it lives.
-    const std::shared_ptr<const CacheDirectory> directoryHandle;
+    // through it, and keeps it as long as it lives. Replaced by
+    // CurrentDirectoryNoLock once removed. Guarded by `tableLock`.
+    std::shared_ptr<const CacheDirectory> directoryHandle;
     std::atomic<long long> usedBytes{0};
 
     std::mutex tableLock;  // guards table

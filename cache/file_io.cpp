@@ -54,6 +54,12 @@ bool WriteAt(FILE* stream, long long position, const void* source, size_t count,
     return true;
 }
 
+bool WriteZerosAt(FILE* stream, long long position, size_t count) {
+    static const char kZeros[kSectorSize] = {};
+    size_t done = 0;
+    return WriteAt(stream, position, kZeros, std::min(count, sizeof(kZeros)), &done);
+}
+
 long long StreamSize(FILE* stream) {
     if (stream == nullptr) return 0;
     struct stat st;

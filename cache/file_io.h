@@ -47,6 +47,14 @@ inline bool IsValidTransfer(long long offset, long long length, const void* buff
     return IsValidRange(offset, length) && (buffer != nullptr || length == 0);
 }
 
+// a + b, or the nearest of LLONG_MIN and LLONG_MAX when the sum lies beyond
+// them: for totals of sizes that may each be near the end of the range.
+inline long long SaturatingAdd(long long a, long long b) {
+    long long sum = 0;
+    if (!__builtin_add_overflow(a, b, &sum)) return sum;
+    return b > 0 ? LLONG_MAX : LLONG_MIN;
+}
+
 // GetFileAttributes results.
 inline constexpr int kAttrNone = -1;
 inline constexpr int kAttrDirectory = 16;
@@ -66,6 +74,8 @@ bool CloseHandle(FILE* stream);
 // must all go through WriteAt so the stream's buffer never holds data.
 bool ReadAt(FILE* stream, long long position, void* destination, size_t count, size_t* done);
 bool WriteAt(FILE* stream, long long position, const void* source, size_t count, size_t* done);
+// WriteAt of `count` zero bytes, at most one sector.
+bool WriteZerosAt(FILE* stream, long long position, size_t count);
 
 // The size of the file behind `stream` without moving its position; 0 when
 // it cannot be determined.

@@ -6,12 +6,15 @@
 #include <sys/vfs.h>
 #endif
 
+#include <algorithm>
 #include <chrono>
+#include <climits>
 #include <string>
 
 #include "cache/bindings.h"
 #include "cache/cache_manager.h"
 #include "cache/cache_obj.h"
+#include "cache/file_io.h"
 #include "common/chrono.h"
 
 namespace cache {
@@ -29,9 +32,14 @@ void Cache::AdjustLimit() {
     if (statfs(directory.c_str(), &disk) != 0) return;
     // Free blocks include those kept for the superuser; the cache's own
     // files count as space it may use.
+    unsigned long long freeBytes = 0;
+    if (__builtin_mul_overflow(static_cast<unsigned long long>(disk.f_bsize),
+                               static_cast<unsigned long long>(disk.f_bfree), &freeBytes)) {
+        freeBytes = LLONG_MAX;
+    }
     const long long space =
-        static_cast<long long>(disk.f_bsize) * static_cast<long long>(disk.f_bfree) +
-        ReadonlyBytes(CopyObjects());
+        SaturatingAdd(static_cast<long long>(std::min<unsigned long long>(freeBytes, LLONG_MAX)),
+                      ReadonlyBytes(CopyObjects()));
     LogText(LL_DETAIL | LL_CACHE,
             "Cache path " + directory + ", " + std::to_string(space) + " bytes left");
     // A limit that does not fit claims half of what is there, which may be

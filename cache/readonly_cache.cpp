@@ -26,9 +26,6 @@ bool Follows(long long key, long long before) {
                static_cast<unsigned long long>(kSectorSize);
 }
 
-// Filler for the unused tail of a short slot; its content is never read.
-const char kZeroSlot[kSectorSize] = {};
-
 }  // namespace
 
 // ---- SectorRuns ----
@@ -118,7 +115,8 @@ ReadonlyCache::ReadonlyCache(WritableCache* source, std::shared_ptr<ICacheConfig
     const auto now = std::chrono::steady_clock::now();
     for (const SectorSpan& span : present) {
         for (long long p = span.first; p < span.end; p += kSectorSize) {
-            InsertSectorNoLock(p, _SECTOR{p, std::min(fileSize - p, kSectorSize), 0, false, now});
+            InsertSectorNoLock(
+                p, _SECTOR{p, std::min(fileSize - p, kSectorSize), 0, false, false, now});
         }
     }
     Log(LL_INFO, "[%s] Read only cache from writable cache created");
@@ -146,7 +144,10 @@ ICacheConfig* ReadonlyCache::GetConfig() {
 }
 
 long long ReadonlyCache::GetFileOffset(long long) {
-    return SectorCeil(GetFileSize());
+    const long long size = GetFileSize();
+    // Every slot ends within the range of offsets.
+    if (size > kOffsetLimit - kSectorSize) return -1;
+    return SectorCeil(size);
 }
 
 long long ReadonlyCache::GetFileSize() {
@@ -181,8 +182,9 @@ AERROR ReadonlyCache::Truncate(long long size) {
         Log(LL_ERROR, "[%s] Truncate failed : Invalid cache file handle");
         return AE_INVALID_HANDLE;
     }
-    if (ftruncate(fileno(file), size) != 0) {
-        const int error = errno;
+    // A size past the range of offsets would leave no slot a valid place.
+    if (size > kOffsetLimit || ftruncate(fileno(file), size) != 0) {
+        const int error = size > kOffsetLimit ? EINVAL : errno;
         Log(LL_ERROR, "[%s] Truncate failed : %s", strerror(error));
         return AE_TRUNCATE_FAILED;
     }
@@ -285,109 +287,129 @@ AERROR ReadonlyCache::FetchWriteNoLock(long long offset, const char* data, long 
     }
     const long long first = SectorOf(offset);
     const auto now = std::chrono::steady_clock::now();
-    long long cur = first;
-    long long total = 0;
-    long long remaining = size;
-    const char* source = data;
     // Where the next appended slot goes: the file's end, looked up once and
     // then advanced past every slot this call appends.
     long long appendAt = -1;
-    const auto appendSlot = [&] {
-        if (appendAt == -1) appendAt = GetFileOffset(cur);
-        const long long slot = appendAt;
-        appendAt += kSectorSize;
-        return slot;
-    };
-    while (remaining != 0) {
+    long long total = 0;
+    for (long long cur = first; total < size; cur += kSectorSize) {
         // The part of the piece that belongs to this sector, and where in
         // the sector it starts (only the first sector can start inside).
         const long long within = cur == first ? offset - first : 0;
-        const long long part = std::min(remaining, kSectorSize - within);
-        auto found = sectors.find(cur);
-        // A piece must continue bytes the sector holds: one that starts
-        // inside a sector without data, or past the end of a short one,
-        // would leave unknown bytes before it.
-        const long long held =
-            found == sectors.end() || found->second.reserved ? 0 : found->second.length;
-        if (within > held) {
-            Log(LL_ERROR, "[%s] Fetch write failed : Cache offset was not aligned");
-            return AE_NOT_ALIGNED;
-        }
-        _SECTOR* entry;
-        // Set when the slot is given out here: it holds nothing of its
-        // sector yet, so its tail is padded.
-        bool assigned = true;
-        if (found == sectors.end()) {
-            Log(LL_DETAIL, "[%s] Fetch write : %lld", cur);
-            long long slot = TakeFreeSlotNoLock();
-            if (slot != -1) {
-                Log(LL_DETAIL, "[%s] Fetch write : Empty sector found on %lld", slot);
-            } else {
-                slot = appendSlot();
-                Log(LL_DETAIL, "[%s] Fetch write : Empty sector not found. Append cache on %lld.",
-                    slot);
-            }
-            // Reserved until its bytes are in the file, so that a failed
-            // write releases it like any other reservation.
-            entry = &InsertSectorNoLock(cur, _SECTOR{slot, 0, 0, true, now});
-        } else if (found->second.reserved) {
-            entry = &found->second;
-            // A reserved sector without a slot appends one; freed slots are
-            // handed out by reservations only.
-            assigned = entry->offset == -1;
-            if (assigned) entry->offset = appendSlot();
-            Log(LL_DETAIL, "[%s] Fetch write : Sector %lld reserved and write on %lld", cur,
-                entry->offset);
-        } else {
-            entry = &found->second;
-            assigned = false;
-            Log(LL_DETAIL,
-                "[%s] Fetch write : Sector %lld not reserved. Data will be overwritten on current "
-                "cache %lld",
-                cur, entry->offset);
-        }
-        size_t done = 0;
-        if (!WriteAt(file, entry->offset + within, source, static_cast<size_t>(part), &done)) {
-            return FailFetchWriteNoLock(sectors.find(cur), errno);
-        }
-        if (assigned && part < kSectorSize) {
-            size_t padded = 0;
-            WriteAt(file, entry->offset + part, kZeroSlot, static_cast<size_t>(kSectorSize - part),
-                    &padded);
-        }
-        if (entry->reserved) {
-            entry->reserved = false;
-            entry->length = part;
-            entry->hits = 0;
-            entry->time = now;
-        } else {
-            // A present sector keeps what it held and takes what the piece
-            // adds beyond it (a short sector of a file that grew).
-            entry->length = std::max(entry->length, within + part);
-        }
-        // What a waiting read or write waits for may have come with it.
-        SectorsChangedNoLock();
+        const long long part = std::min(size - total, kSectorSize - within);
+        const AERROR stored = StorePartNoLock(cur, within, data + total, part, now, &appendAt);
+        if (stored != AE_OK) return stored;
         total += part;
-        source += part;
-        remaining -= part;
-        cur += kSectorSize;
     }
     if (written != nullptr) *written = static_cast<long>(total);
     return AE_OK;
 }
 
+long long ReadonlyCache::AppendSlotNoLock(long long* appendAt) {
+    if (*appendAt == -1) *appendAt = GetFileOffset(0);
+    if (*appendAt == -1 || *appendAt > kOffsetLimit - kSectorSize) return -1;
+    const long long slot = *appendAt;
+    *appendAt += kSectorSize;
+    return slot;
+}
+
+AERROR ReadonlyCache::StorePartNoLock(long long key, long long within, const char* source,
+                                      long long part, std::chrono::steady_clock::time_point now,
+                                      long long* appendAt) {
+    auto found = sectors.find(key);
+    // A piece must continue bytes the sector holds: one that starts inside
+    // a sector without data, or past the end of a short one, would leave
+    // unknown bytes before it.
+    const long long held = found == sectors.end() ? 0 : HeldBytes(found->second);
+    if (within > held) {
+        Log(LL_ERROR, "[%s] Fetch write failed : Cache offset was not aligned");
+        return AE_NOT_ALIGNED;
+    }
+    // Set when the slot is given out here: it holds nothing of its sector
+    // yet, so its tail is padded.
+    bool assigned = false;
+    if (found == sectors.end()) {
+        Log(LL_DETAIL, "[%s] Fetch write : %lld", key);
+        long long slot = TakeFreeSlotNoLock();
+        if (slot != -1) {
+            Log(LL_DETAIL, "[%s] Fetch write : Empty sector found on %lld", slot);
+        } else {
+            slot = AppendSlotNoLock(appendAt);
+            if (slot == -1) {
+                Log(LL_ERROR, "[%s] Fetch write failed : %s", strerror(EFBIG));
+                return AE_WRITE_FAILED;
+            }
+            Log(LL_DETAIL, "[%s] Fetch write : Empty sector not found. Append cache on %lld.",
+                slot);
+        }
+        // Reserved until its bytes are in the file, so that a failed write
+        // releases it like any other reservation.
+        InsertSectorNoLock(key, _SECTOR{slot, 0, 0, true, false, now});
+        found = sectors.find(key);
+        assigned = true;
+    } else if (found->second.reserved) {
+        // A reserved sector without a slot appends one; freed slots are
+        // handed out by reservations only.
+        if (found->second.offset == -1) {
+            found->second.offset = AppendSlotNoLock(appendAt);
+            if (found->second.offset == -1) return FailFetchWriteNoLock(found, EFBIG);
+            assigned = true;
+        }
+        Log(LL_DETAIL, "[%s] Fetch write : Sector %lld reserved and write on %lld", key,
+            found->second.offset);
+    } else {
+        Log(LL_DETAIL,
+            "[%s] Fetch write : Sector %lld not reserved. Data will be overwritten on current "
+            "cache %lld",
+            key, found->second.offset);
+    }
+    _SECTOR& entry = found->second;
+    // Bytes the sector holds stay as they are: they are the remote's, or a
+    // host wrote them, and fetched data never replaces a host's bytes.
+    const long long kept = std::min(part, held - within);
+    size_t done = 0;
+    if (kept < part && !WriteAt(file, entry.offset + within + kept, source + kept,
+                                static_cast<size_t>(part - kept), &done)) {
+        return FailFetchWriteNoLock(found, errno);
+    }
+    if (assigned && part < kSectorSize) {
+        WriteZerosAt(file, entry.offset + part, static_cast<size_t>(kSectorSize - part));
+    }
+    if (entry.reserved) {
+        entry.reserved = false;
+        entry.keepsData = false;
+        entry.hits = 0;
+        entry.time = now;
+    }
+    entry.length = std::max(held, within + part);
+    // What a waiting read or write waits for may have come with it.
+    SectorsChangedNoLock();
+    return AE_OK;
+}
+
 AERROR ReadonlyCache::FailFetchWriteNoLock(SectorMap::iterator entry, int error) {
     Log(LL_ERROR, "[%s] Fetch write failed : %s", strerror(error));
-    // Only the sector this write was filling is given up; present sectors,
-    // including the one being rewritten, keep their bytes. A slot inside the
-    // file goes back to the free list; one at or past its end was never
-    // there, and the next append takes that place again.
-    if (entry->second.reserved) {
-        const long long slot = entry->second.offset;
-        EraseSectorNoLock(entry);
-        if (slot != -1 && slot < GetFileSize()) emptySlots.push_back(slot);
-    }
+    // Only the sector this write was filling is given up, and only what it
+    // was waiting for: present sectors, including the one being rewritten,
+    // keep their bytes, and so does one that was being completed. A slot
+    // inside the file goes back to the free list; one at or past its end
+    // was never there, and the next append takes that place again.
+    if (entry->second.reserved) ReleaseReservationNoLock(entry, GetFileSize());
     return AE_WRITE_FAILED;
+}
+
+SectorMap::iterator ReadonlyCache::ReleaseReservationNoLock(SectorMap::iterator entry,
+                                                            long long fileEnd) {
+    _SECTOR& sector = entry->second;
+    if (sector.keepsData) {
+        sector.reserved = false;
+        sector.keepsData = false;
+        SectorsChangedNoLock();
+        return ++entry;
+    }
+    const long long slot = sector.offset;
+    entry = EraseSectorNoLock(entry);
+    if (slot != -1 && slot < fileEnd) emptySlots.push_back(slot);
+    return entry;
 }
 
 // ---- Reservations ----
@@ -407,7 +429,7 @@ AERROR ReadonlyCache::ReserveNoLock(long long offset, long long length) {
         Log(LL_ERROR, "[%s] Reserve block failed : Invalid cache file handle");
         return AE_INVALID_HANDLE;
     }
-    if (length > HoldableBytesNoLock()) {
+    if (length > DiskRoomNoLock()) {
         Log(LL_ERROR, "[%s] Reserve block failed : larger than the cache can hold");
         return AE_NOTHING_RESERVED;
     }
@@ -422,7 +444,10 @@ AERROR ReadonlyCache::ReserveNoLock(long long offset, long long length) {
         }
         // An incomplete first sector is left alone when `offset` lies
         // inside it: the fetch that follows cannot deliver its head.
-        if ((cur != first || offset % kSectorSize == 0) && ReserveSectorNoLock(cur, now)) ++count;
+        if ((cur != first || offset % kSectorSize == 0) &&
+            ReserveSectorNoLock(cur, std::min(remaining, kSectorSize), now)) {
+            ++count;
+        }
         const long long part = cur == first ? kSectorSize - offset % kSectorSize : kSectorSize;
         remaining -= std::min(part, remaining);
         cur += kSectorSize;
@@ -431,28 +456,26 @@ AERROR ReadonlyCache::ReserveNoLock(long long offset, long long length) {
     return count > 0 ? AE_OK : AE_NOTHING_RESERVED;
 }
 
-long long ReadonlyCache::HoldableBytesNoLock() {
-    long long holdable = config->GetQuota();
+long long ReadonlyCache::DiskRoomNoLock() {
     struct statvfs disk;
-    if (fstatvfs(fileno(file), &disk) == 0) {
-        const unsigned long long free =
-            static_cast<unsigned long long>(disk.f_bavail) * disk.f_frsize;
-        const unsigned long long room =
-            std::min<unsigned long long>(free, LLONG_MAX / 2) + GetFileSize();
-        holdable = std::min(holdable, static_cast<long long>(room));
-    }
-    return holdable;
+    if (fstatvfs(fileno(file), &disk) != 0) return LLONG_MAX;
+    const unsigned long long freeBytes =
+        static_cast<unsigned long long>(disk.f_bavail) * disk.f_frsize;
+    return SaturatingAdd(static_cast<long long>(std::min<unsigned long long>(freeBytes, LLONG_MAX)),
+                         GetFileSize());
 }
 
-bool ReadonlyCache::ReserveSectorNoLock(long long key, std::chrono::steady_clock::time_point now) {
+bool ReadonlyCache::ReserveSectorNoLock(long long key, long long expected,
+                                        std::chrono::steady_clock::time_point now) {
     auto found = sectors.find(key);
     if (found == sectors.end()) {
-        InsertSectorNoLock(key, _SECTOR{TakeFreeSlotNoLock(), 0, 0, true, now});
+        InsertSectorNoLock(key, _SECTOR{TakeFreeSlotNoLock(), expected, 0, true, false, now});
         return true;
     }
     _SECTOR& sector = found->second;
     if (sector.reserved || IsCompleteNoLock(key, sector)) return false;
     sector.reserved = true;
+    sector.keepsData = true;
     sector.hits = 0;
     sector.time = now;
     return true;
@@ -478,6 +501,7 @@ long long ReadonlyCache::ClearReservedNoLock(long long offset, long long length)
     // nothing for huge ranges.
     const long long first = SectorOf(offset);
     const unsigned long long span = static_cast<unsigned long long>(length - 1) / kSectorSize + 1;
+    const long long fileEnd = GetFileSize();
     long long released = 0;
     for (auto entry = sectors.lower_bound(first);
          entry != sectors.end() &&
@@ -488,9 +512,7 @@ long long ReadonlyCache::ClearReservedNoLock(long long offset, long long length)
             ++entry;
             continue;
         }
-        const long long slot = entry->second.offset;
-        entry = EraseSectorNoLock(entry);
-        if (slot != -1) emptySlots.push_back(slot);
+        entry = ReleaseReservationNoLock(entry, fileEnd);
         ++released;
     }
     return released;

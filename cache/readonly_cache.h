@@ -179,22 +179,24 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     virtual ICacheConfig* GetConfig();
     // Where a new slot is appended: the cache file's size rounded up to a
     // whole slot, so that no slot overlaps a short one before it (the file
-    // may end mid-slot after a host write, a conversion or a truncation).
-    // Takes no lock of the store (the leaf `fileLock` only).
+    // may end mid-slot after a host write, a conversion or a truncation);
+    // -1 when a slot there would end past kOffsetLimit. Takes no lock of
+    // the store (the leaf `fileLock` only).
     virtual long long GetFileOffset(long long offset);
 
     // Marks the absent and the incomplete sectors of the range reserved
-    // (ReserveSectorNoLock). 0 when at least one was newly reserved, 3014
-    // when none, when the range is invalid (negative, or past kOffsetLimit)
-    // or when it is larger than HoldableBytesNoLock (it could never be
-    // cached whole; refusing keeps the work proportional to what can be),
+    // (ReserveSectorNoLock); an absent one expects the smaller of the bytes
+    // left in the range and a sector. 0 when at least one was newly
+    // reserved, 3014 when none, when the range is invalid (negative, or past
+    // kOffsetLimit) or when it is larger than DiskRoomNoLock (it could never
+    // be cached whole; refusing keeps the work proportional to what can be),
     // 3005 when closed, 3006 (no log line) when the first sector is absent
     // and `offset` is not aligned. REQUIRES: `lock` held.
     AERROR ReserveNoLock(long long offset, long long length);
-    // Erases the reserved sectors among those that the range touches,
-    // counting a full sector for the first one; their slots go to the back
-    // of the free-slot queue. Present sectors are left alone. Returns the
-    // number of sectors released. REQUIRES: `lock` held.
+    // Releases the reserved sectors among those that the range touches,
+    // counting a full sector for the first one (ReleaseReservationNoLock).
+    // Present sectors are left alone. Returns the number of sectors
+    // released. REQUIRES: `lock` held.
     long long ClearReservedNoLock(long long offset, long long length);
 
     // The display name, held by the caller while it formats a log line.
@@ -265,10 +267,26 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // Fills readAheadSizes: ramin, doubling, capped at ramax.
     void FillReadAheadSizes();
 
-    // After a failed write into the cache file: gives up `entry` when it
-    // held no data yet (erased, its slot freed when inside the file), logs
-    // and returns 3007. REQUIRES: `lock` held.
+    // Stores `part` bytes from `source` at `within` in the sector at `key`,
+    // taking a free or appended slot (through *appendAt, see
+    // AppendSlotNoLock) when it has none. Bytes the sector holds already
+    // are kept. 0, or the failure of FetchWriteNoLock.
+    // REQUIRES: `lock` held; the file open; within + part <= kSectorSize.
+    AERROR StorePartNoLock(long long key, long long within, const char* source, long long part,
+                           std::chrono::steady_clock::time_point now, long long* appendAt);
+    // The next slot at the cache file's end: *appendAt, looked up with
+    // GetFileOffset when it is -1, then advanced by one slot. -1 when no
+    // slot fits below kOffsetLimit. REQUIRES: `lock` held.
+    long long AppendSlotNoLock(long long* appendAt);
+    // After a failed write into the cache file: releases `entry` when it
+    // was reserved (ReleaseReservationNoLock), logs and returns 3007.
+    // REQUIRES: `lock` held.
     AERROR FailFetchWriteNoLock(SectorMap::iterator entry, int error);
+    // Ends the reservation of `entry`: one that keeps data becomes present
+    // again with the bytes it held; any other is erased and its slot, when
+    // it has one below `fileEnd`, goes to the back of the free-slot queue.
+    // Returns the iterator after the entry. REQUIRES: `lock` held.
+    SectorMap::iterator ReleaseReservationNoLock(SectorMap::iterator entry, long long fileEnd);
 
     // True when the sector holds every byte it will ever hold: it is not
     // reserved, and it is whole or ends at the remote file's current size.
@@ -279,14 +297,17 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
         return !sector.reserved &&
                (sector.length >= kSectorSize || key + sector.length >= fileSize);
     }
-    // The most this store could ever hold: the storage limit, and no more
-    // than the cache file plus the free space of its file system.
+    // The most the cache file could ever hold: what it holds now plus the
+    // free space of its file system (LLONG_MAX when that cannot be told).
+    // The storage limit plays no part: eviction deals with a file past it.
     // REQUIRES: `lock` held; the file open.
-    long long HoldableBytesNoLock();
+    long long DiskRoomNoLock();
     // Reserves the sector at `key` when it is absent (taking the oldest free
-    // slot, or none) or present but not complete (keeping its slot). True
-    // when it was newly reserved. REQUIRES: `lock` held.
-    bool ReserveSectorNoLock(long long key, std::chrono::steady_clock::time_point now);
+    // slot, or none, and expecting `expected` bytes) or present but not
+    // complete (keeping its slot and its bytes). True when it was newly
+    // reserved. REQUIRES: `lock` held.
+    bool ReserveSectorNoLock(long long key, long long expected,
+                             std::chrono::steady_clock::time_point now);
 
     // Range form: resets the hits of the present sectors of [first, end)
     // and queues fetches for the absent ones. 3013 when jobs were posted,

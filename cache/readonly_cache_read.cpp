@@ -153,6 +153,8 @@ bool ReadonlyCache::FetchWholeFileNoLock(_READDATA* request) {
         MakeLibraryHandle(request->handle ? request->handle->hostHandle : 0), true);
     largeFetch.store(job, std::memory_order_release);
     QueueAsync(job, nullptr);
+    // The job brings the range; the read waits for it without limit.
+    request->timeout = -1;
     return true;
 }
 
@@ -222,15 +224,16 @@ AERROR ReadonlyCache::WaitForSectors(std::unique_lock<std::shared_mutex>& guard,
                 return queued;
             }
         }
-        // A read that posted the whole-file job waits without limit while a
-        // large fetch runs; once it has ended, the read's own time-out holds.
-        const bool unlimited = state == QueueState::kWholeFile &&
-                               largeFetch.load(std::memory_order_acquire) != nullptr;
+        // A read that posted the whole-file job waits for it without limit;
+        // once no large fetch runs, nothing is coming: the wait ends as a
+        // time-out does.
+        const bool jobEnded = state == QueueState::kWholeFile &&
+                              largeFetch.load(std::memory_order_acquire) == nullptr;
         const unsigned long long seen = mapVersion;
         guard.unlock();
         if (!waited) waited.emplace();
         const long long elapsed = waited->elapsed();
-        if (!unlimited && request->timeout > -1 && elapsed > request->timeout) {
+        if (jobEnded || (request->timeout > -1 && elapsed > request->timeout)) {
             const std::string detail = "last checked sector offset was " + std::to_string(cur) +
                                        " on offset " + std::to_string(waitingSlot) + ", length " +
                                        std::to_string(waitingLength) + " and " +
@@ -363,7 +366,7 @@ void ReadonlyCache::QueueEmptySectors(const std::deque<long long>& sectorOffsets
         } else if (runLengths.emplace(s, kSectorSize).second) {
             ends.emplace(s + kSectorSize, s);
         }
-        ReserveSectorNoLock(s, now);
+        ReserveSectorNoLock(s, 0, now);
     }
     for (const auto& [start, length] : runLengths) {
         Log(LL_DETAIL, "[%s] Queue empty offset %lld to %lld(%lld bytes)", start, start + length,

@@ -94,26 +94,33 @@ AERROR ReadonlyCache::Write(_WRITEDATA* request) {
         const bool recycled = fresh && !emptySlots.empty();
         long long slot = recycled ? emptySlots.front() : fresh ? -1 : entry->second.offset;
         if (slot == -1) slot = GetFileOffset(cur);
+        if (slot == -1) return failed("[%s] Write failed : %p, %lld, %d", AE_WRITE_FAILED);
+        const long long held = fresh ? 0 : HeldBytes(entry->second);
         const long long within = cur == first ? offset - first : 0;
-        const long long fileOffset = slot + within;
         const long long chunk = std::min(kSectorSize - within, remaining);
+        // The sector's bytes run from its start: between what it holds and
+        // the write they read as zeros, not as whatever a reused slot held.
         size_t done = 0;
-        if (!WriteAt(file, fileOffset, source, static_cast<size_t>(chunk), &done)) {
+        if ((within > held &&
+             !WriteZerosAt(file, slot + held, static_cast<size_t>(within - held))) ||
+            !WriteAt(file, slot + within, source, static_cast<size_t>(chunk), &done)) {
             return AE_WRITE_FAILED;
         }
 
         if (recycled) emptySlots.pop_front();
         _SECTOR& sector =
-            fresh ? InsertSectorNoLock(cur, _SECTOR{slot, 0, 0, false, now}) : entry->second;
+            fresh ? InsertSectorNoLock(cur, _SECTOR{slot, 0, 0, false, false, now}) : entry->second;
         sector.offset = slot;
         if (sector.reserved) {
             sector.reserved = false;
+            sector.keepsData = false;
             SectorsChangedNoLock();
         }
-        // Deliberately the slot's position in the cache file minus the
-        // sector's remote offset: the in-sector end of the write where the
-        // two coincide, as in a store converted from a writable one.
-        if (sector.length < fileOffset + chunk - cur) sector.length = fileOffset + chunk - cur;
+        // The write's end within the sector, never past one slot. Where the
+        // slot's position equals the sector's offset (a store converted from
+        // a writable one, or one that filled in order) this is the slot's
+        // position in the cache file minus the sector's remote offset.
+        sector.length = std::max(held, within + chunk);
         sector.time = now;
         total += static_cast<long long>(done);
         source += done;

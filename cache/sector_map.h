@@ -34,13 +34,25 @@ namespace cache {
 // One entry of the sector map.
 struct _SECTOR {
     long long offset = 0;  // slot in the cache file; -1 while reserved without a slot
-    long long length = 0;  // valid bytes; only the file's last sector is shorter
+    // Valid bytes, never more than one slot: the first `length` bytes of the
+    // slot are the sector's first bytes. Only the file's last sector, or one
+    // a host write or a short delivery left incomplete, is shorter. While
+    // reserved without `keepsData` it is what the reservation expects.
+    long long length = 0;
     // Reads served since the sector was last queued or filled. Copies under
     // the store's shared lock count through SectorHit.
     long long hits = 0;
     bool reserved = false;  // a fetch is announced but its data has not arrived
+    // Reserved to be completed: the first `length` bytes are held already
+    // and stay as they are when the data arrives or the reservation ends.
+    bool keepsData = false;
     std::chrono::steady_clock::time_point time{};  // creation or last read
 };
+
+// The bytes a sector holds now: none while it waits for its first data.
+inline long long HeldBytes(const _SECTOR& sector) {
+    return sector.reserved && !sector.keepsData ? 0 : sector.length;
+}
 
 // Counts a read of `sector` at `now`. Safe for several copies under the
 // store's shared lock at once; the exclusive lock orders it with every other

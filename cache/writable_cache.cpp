@@ -189,7 +189,8 @@ AERROR WritableCache::Truncate(long long size) {
         // The old partial last sector is listed again with the new ones: the
         // remote may hold bytes past what this store knew as the end.
         AddMissingNoLock(SectorOf(std::max(known, 0LL)), size);
-    } else {
+    } else if (size < kOffsetLimit) {
+        // From the first boundary above `size`; none lies past the range.
         RemoveMissingNoLock(SectorOf(size) + kSectorSize, known);
     }
     return AE_OK;

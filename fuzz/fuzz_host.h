@@ -46,24 +46,26 @@ class Input {
     size_t position_ = 0;
 };
 
-// A host bound for the whole process, with a scratch directory whose
-// subdirectory "cache" is the cache directory.
+// A host bound for the whole process, with a scratch directory in `parent`
+// (the temporary directory when empty) whose subdirectory "cache" is the
+// cache directory.
 struct Host {
-    Host() {
+    explicit Host(const std::string& parent) : dir("cache-fuzz-", parent) {
         Cache_BindLogger(&log);
         Cache_BindAsyncQ(&queue);
         if (InitCache(cachePath.c_str(), 1ULL << 30, &cache) != AE_OK) std::abort();
     }
-    hostkit::ScratchDir dir{"cache-fuzz-"};
+    hostkit::ScratchDir dir;
     const std::string cachePath = dir.Sub("cache");
     hostkit::LineLogger log{nullptr, false};
     hostkit::ThreadPoolQueue queue{2};
     ICache* cache = nullptr;
 };
 
-// The process's host; never destroyed, so that no job outlives its queue.
-inline Host& TheHost() {
-    static Host* host = new Host;
+// The process's host, made in `parent` by the first call; never destroyed,
+// so that no job outlives its queue.
+inline Host& TheHost(const std::string& parent = "") {
+    static Host* host = new Host(parent);
     return *host;
 }
 

@@ -1,8 +1,11 @@
-// Sequences of operations on one cache object with offsets and lengths
-// taken from the input, extreme ones included. A model of the remote (and,
-// in mode 'w', of the written copy) checks every byte a successful read
-// delivers; other results only need to come back, without undefined
-// behaviour.
+// Sequences of operations on one cache object with offsets, lengths, sizes
+// and limits taken from the input, extreme ones included. A model of the
+// remote (and, in mode 'w', of the written copy) checks every byte a
+// successful read delivers; other results only need to come back, without
+// undefined behaviour. The cache directory is on tmpfs where there is one,
+// so that truncations make sparse cache files of nearly 2^63 bytes.
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -135,7 +138,7 @@ void SwitchToRead(Session& s) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzzhost::Host& host = fuzzhost::TheHost();
+    fuzzhost::Host& host = fuzzhost::TheHost(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "");
     static std::atomic<long long> sessions{0};
     fuzzhost::Input input(data, size);
 
@@ -147,7 +150,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     for (int step = 0; step < 24 && !input.Empty(); ++step) {
         const long long fileSize = std::ssize(s.image);
-        switch (input.Byte() % 11) {
+        switch (input.Byte() % 12) {
             case 0:
             case 1:
                 CheckedRead(s, Number(input, fileSize), Number(input, 0), RD_NONE, true);
@@ -161,10 +164,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 break;
             case 4:
                 if (s.mode == 'r') {
-                    // A fresh writable copy of the remote: the model holds again.
-                    if (SetModeResult(s, 'w', fileSize) == AE_OK) {
+                    // A fresh writable copy of the remote: the model holds
+                    // again, unless the copy is declared with another size.
+                    const long long declared =
+                        input.Byte() % 4 == 0 ? Number(input, fileSize) : fileSize;
+                    if (SetModeResult(s, 'w', declared) == AE_OK) {
                         s.mode = 'w';
-                        s.known = true;
+                        s.known = declared == fileSize;
                     }
                 } else {
                     Write(s, input);
@@ -183,10 +189,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 if (s.mode == 'w') {
                     // Resizing relists sectors in ways the model does not
                     // follow; the copy is taken as it is at the next switch.
+                    // Beyond 16 sectors the model keeps its size.
                     const long long target = Number(input, fileSize);
-                    if (target >= 0 && target <= 16 * kSector &&
-                        s.object->Truncate(target) == AE_OK) {
-                        s.image.resize(static_cast<size_t>(target));
+                    if (s.object->Truncate(target) == AE_OK) {
+                        if (target <= 16 * kSector) s.image.resize(static_cast<size_t>(target));
                         s.known = false;
                     }
                 } else if (s.object->Truncate(Number(input, fileSize)) == AE_OK) {
@@ -201,6 +207,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             case 10:
                 std::static_pointer_cast<cache::CacheObj>(s.object)->ClearOldCache(input.Byte() %
                                                                                    2);
+                break;
+            case 11:
+                // Fits the limit to the disk, adding up every cache file.
+                host.cache->SetLimit(input.Value<uint64_t>());
                 break;
         }
     }

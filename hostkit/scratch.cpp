@@ -11,8 +11,10 @@
 
 namespace hostkit {
 
-ScratchDir::ScratchDir(const std::string& prefix) {
-    std::string pattern = (std::filesystem::temp_directory_path() / (prefix + "XXXXXX")).string();
+ScratchDir::ScratchDir(const std::string& prefix, const std::string& parent) {
+    const std::filesystem::path base =
+        parent.empty() ? std::filesystem::temp_directory_path() : std::filesystem::path(parent);
+    std::string pattern = (base / (prefix + "XXXXXX")).string();
     if (mkdtemp(pattern.data()) == nullptr) {
         throw std::system_error(errno, std::generic_category(), "cannot make " + pattern);
     }

@@ -11,12 +11,13 @@
 
 namespace hostkit {
 
-// A fresh directory <temporary directory>/<prefix>XXXXXX, removed with
-// everything in it when the object goes.
+// A fresh directory <parent>/<prefix>XXXXXX, removed with everything in it
+// when the object goes. The parent is the temporary directory unless one is
+// given (a test that needs tmpfs passes /dev/shm).
 class ScratchDir {
   public:
     // Throws std::system_error when the directory cannot be made.
-    explicit ScratchDir(const std::string& prefix = "cache-");
+    explicit ScratchDir(const std::string& prefix = "cache-", const std::string& parent = "");
     ScratchDir(const ScratchDir&) = delete;
     ScratchDir& operator=(const ScratchDir&) = delete;
     ~ScratchDir();

@@ -17,6 +17,7 @@
 
 #include "cache/cache_manager.h"
 #include "cache/cache_obj.h"
+#include "cache/file_io.h"
 #include "tests/test_host.h"
 
 namespace {
@@ -172,6 +173,50 @@ TEST_F(ManagerTest, StoresNeverCreateOrDeleteOutsideTheirDirectory) {
     EXPECT_EQ(cache->Close("fresh.bin"), AE_OK);
     fresh.reset();
     EXPECT_EQ(Listing(dir.path(), ""), remade);
+}
+
+// The cache directory removed while the cache lives (rm -rf, a temporary
+// files cleaner) is made again for the next new object, which then works
+// there; objects already open go on with their open files. A link put in its
+// place is still refused, and nothing appears where it leads.
+TEST_F(ManagerTest, ARemovedDirectoryIsMadeAgainForNewObjects) {
+    namespace fs = std::filesystem;
+    auto before = Open("before.bin");
+    ASSERT_TRUE(ReadsRemote(*before, &fetcher, 0, 1000));
+    fs::remove_all(cachePath);
+    auto after = Open("after.bin");
+    EXPECT_TRUE(ReadsRemote(*after, &fetcher, 0, size));
+    EXPECT_TRUE(fs::is_regular_file(cachePath + "/after.bin"));
+    EXPECT_TRUE(ReadsRemote(*before, &fetcher, 0, size));
+
+    const std::string elsewhere = dir.Sub("elsewhere");
+    ASSERT_TRUE(fs::create_directory(elsewhere));
+    fs::remove_all(cachePath);
+    fs::create_directory_symlink(elsewhere, cachePath);
+    EXPECT_EQ(testhost::Thrown([&] { Open("linked.bin"); }), AE_CREATE_FILE_FAILED);
+    EXPECT_TRUE(fs::is_empty(elsewhere));
+    EXPECT_TRUE(ReadsRemote(*after, &fetcher, 0, size));
+}
+
+// Cache files of nearly 2^63 bytes (sparse, on tmpfs) add up to more than a
+// 64-bit count holds: the sums stop at the largest count, so the limit a
+// host sets stays as set and a pass sees the cache as over it.
+TEST_F(ManagerTest, HugeCacheFilesDoNotOverflowTheLimitsSums) {
+    if (access("/dev/shm", W_OK) != 0) GTEST_SKIP() << "no tmpfs at /dev/shm";
+    testhost::TempDir shm("cache-", "/dev/shm");
+    cache::Cache onTmpfs((shm.path() + "/cache").c_str(), 1ULL << 30);
+    std::vector<std::shared_ptr<ICacheObj>> objects;
+    for (const char* name : {"a.bin", "b.bin"}) {
+        objects.push_back(onTmpfs.Open(name, 'r', size, &fetcher));
+        ASSERT_EQ(objects.back()->Truncate(cache::kOffsetLimit), AE_OK);
+    }
+    EXPECT_EQ(onTmpfs.SetLimit(1ULL << 30), AE_OK);
+    EXPECT_EQ(onTmpfs.GetLimit(), 1LL << 30);
+    ASSERT_EQ(onTmpfs.SetConfiguration(R"({"cache":{"clear":{"period":0}}})"), AE_OK);
+    EXPECT_TRUE(WaitFor([&] {
+        return log.HasTextContaining("] Total cache : 9223372036854775807(limits : 1073741824)");
+    }));
+    for (auto& object : objects) object->Close();
 }
 
 TEST_F(ManagerTest, WriteSizesAndTheClosedStateUntilReopened) {

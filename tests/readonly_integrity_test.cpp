@@ -191,5 +191,27 @@ TEST_F(IntegrityTest, ExtremeOffsetsAndSizesGetRangeCodesAndNoWorkPerSector) {
     EXPECT_LE(ReadonlyCachePeer::Sectors(*store).size(), 3u);
 }
 
+// Cache files of nearly 2^63 bytes, sparse on tmpfs: sizes past the range
+// of offsets are refused, and a file that leaves no room for another slot
+// fails the fetches that need one instead of overflowing.
+TEST_F(IntegrityTest, CacheFilesAtTheEndOfTheOffsetRangeGetRangeCodes) {
+    if (!UseTmpfs()) GTEST_SKIP() << "no tmpfs at /dev/shm";
+    MakeRemote(100000);
+    auto store = ReadOnly();
+    EXPECT_EQ(store->Truncate(LLONG_MAX), AE_TRUNCATE_FAILED);
+    ASSERT_EQ(store->Truncate(cache::kOffsetLimit), AE_OK);
+    EXPECT_EQ(Read(*store, fetch.get(), Size(), 0, 100, 2000).error, AE_READ_NOT_SERVED);
+    EXPECT_EQ(Write(*store, nullptr, Size(), 0, Pattern(10, 'x')), AE_WRITE_FAILED);
+    store->ClearOldCache(true);
+    ASSERT_EQ(store->Truncate(0), AE_OK);
+    EXPECT_TRUE(ReadsRemote(*store, 0, Size(), fetch.get()));
+
+    // A writable copy declared as large as offsets go still lacks every
+    // sector below a truncation to the end of the range.
+    auto writable = Writable("w.bin", LLONG_MAX);
+    ASSERT_EQ(writable->Truncate(cache::kOffsetLimit), AE_OK);
+    EXPECT_TRUE(ReadsRemote(*writable, 0, Size(), fetch.get()));
+}
+
 }  // namespace
 }  // namespace storetest

@@ -57,6 +57,64 @@ TEST_F(ReadonlyTest, WholeFileFlagPostsOneFetchForEveryone) {
     EXPECT_EQ(fetch->Take(), (Calls{{0, Size()}}));
 }
 
+// A whole-file read posts one job for the whole file, also for a file larger
+// than the storage limit (eviction deals with the excess later), and from
+// then on waits without limit, as its record shows. A second one, while the
+// job runs, posts nothing and keeps its own time-out.
+TEST_F(ReadonlyTest, AWholeFileReadFetchesPastTheLimitAndWaitsWithoutLimit) {
+    UseQueue();
+    MakeRemote(64 * kMiB + kMiB);
+    ReadonlyCache store(Directory(), "remote.bin", Size(),
+                        std::make_shared<cache::CacheSettings>(64 * kMiB, settings));
+    fetch->SetGate(false);
+    struct Outcome {
+        AERROR error = AE_OK;
+        long long timeout = 0;
+        std::vector<char> bytes = std::vector<char>(1000);
+    };
+    auto readAll = [&](long long offset, Outcome& outcome) {
+        _READDATA request{
+            outcome.bytes.data(), offset, 1000,        0, testhost::OpenHandle(), Size(),
+            fetch.get(),          0,      RD_FETCH_ALL};
+        outcome.error = store.Read(&request);
+        outcome.timeout = request.timeout;
+    };
+    Outcome first, second;
+    std::thread a([&] { readAll(0, first); });
+    ASSERT_TRUE(fetch->WaitForHeld(1));
+    std::thread b([&] { readAll(40 * kMiB, second); });
+    EXPECT_TRUE(WaitFor([&] { return log.HasTextContaining(", 41943040, 1000"); }));
+    fetch->SetGate(true);
+    a.join();
+    b.join();
+    EXPECT_EQ(first.error, AE_OK);
+    EXPECT_EQ(first.bytes, Slice(remote, 0, 1000));
+    EXPECT_EQ(first.timeout, -1);
+    EXPECT_EQ(second.error, AE_OK);
+    EXPECT_EQ(second.bytes, Slice(remote, 40 * kMiB, 1000));
+    EXPECT_EQ(second.timeout, settings.readtimeout);
+    EXPECT_EQ(fetch->Take(), (Calls{{0, Size()}}));
+    EXPECT_FALSE(log.HasTextContaining("larger than the cache can hold"));
+}
+
+// The time-out line describes the sector the read waited for as its
+// reservation announced it: Reserve gives a sector the length it expects,
+// a read's own queueing gives 0 until the data arrives.
+TEST_F(ReadonlyTest, ATimeOutLineShowsTheLengthTheReservationAnnounced) {
+    UseQueue();
+    MakeRemote(4 * kSector);
+    auto store = ReadOnly();
+    fetch->SetGate(false);
+    ASSERT_EQ(store->Reserve(0, kSector), AE_OK);  // nobody will deliver it
+    EXPECT_EQ(Read(*store, fetch.get(), Size(), 0, 100, 50).error, AE_READ_NOT_SERVED);
+    EXPECT_TRUE(log.HasTextContaining(
+        "(last checked sector offset was 0 on offset -1, length 65536 and reserved)"));
+    EXPECT_EQ(Read(*store, fetch.get(), Size(), kSector, 100, 50).error, AE_READ_NOT_SERVED);
+    EXPECT_TRUE(log.HasTextContaining(
+        "(last checked sector offset was 65536 on offset -1, length 0 and reserved)"));
+    fetch->SetGate(true);
+}
+
 TEST_F(ReadonlyTest, ConcurrentReadersSeeTheRemoteAndFetchEachSectorOnce) {
     UseQueue(4);
     settings.rahit = 1000;  // no read-ahead: it rewrites a present sector

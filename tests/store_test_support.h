@@ -6,6 +6,7 @@
 #define CACHE_TESTS_STORE_TEST_SUPPORT_H_
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <condition_variable>
 #include <cstring>
@@ -35,6 +36,14 @@ class ReadonlyCachePeer {
     static void AddFreeSlot(ReadonlyCache& store, long long slot) {
         std::lock_guard<std::shared_mutex> guard(store.lock);
         store.emptySlots.push_back(slot);
+    }
+    // Drops the sector at `key` and queues its slot as free, as eviction
+    // does; the slot keeps the sector's bytes until it is reused.
+    static void Evict(ReadonlyCache& store, long long key) {
+        std::lock_guard<std::shared_mutex> guard(store.lock);
+        const auto entry = store.sectors.find(key);
+        store.emptySlots.push_back(entry->second.offset);
+        store.EraseSectorNoLock(entry);
     }
 };
 
@@ -162,6 +171,14 @@ class StoreTest : public ::testing::Test {
     std::shared_ptr<cache::CacheSettings> Config() {
         return std::make_shared<cache::CacheSettings>(1LL << 40, settings);
     }
+    // Makes the stores' directory one on tmpfs, where sparse files of nearly
+    // 2^63 bytes can be made; false when /dev/shm is not there.
+    bool UseTmpfs() {
+        if (access("/dev/shm", W_OK) != 0) return false;
+        tmpfs = std::make_unique<testhost::TempDir>("cache-", "/dev/shm");
+        directory = cache::CacheDirectory::Open(tmpfs->path() + "/");
+        return directory != nullptr;
+    }
     // The scratch directory, opened as a cache manager opens its directory.
     std::shared_ptr<const cache::CacheDirectory> Directory() {
         if (!directory) directory = cache::CacheDirectory::Open(dir.path() + "/");
@@ -185,6 +202,7 @@ class StoreTest : public ::testing::Test {
     }
 
     testhost::TempDir dir;
+    std::unique_ptr<testhost::TempDir> tmpfs;
     std::shared_ptr<const cache::CacheDirectory> directory;
     hostkit::LineLogger log;
     _CACHECONFIG settings = cache::kDefaultConfig;

@@ -248,6 +248,63 @@ TEST_F(WritableTest, BadRequestsToEitherStoreAreRefused) {
     EXPECT_EQ(fetch->Take(), (Calls{{0, 2 * kSector}}));
 }
 
+// A host write lands in its own sector's slot wherever that slot lies in the
+// cache file, and a read returns what the write put there: never another
+// slot's bytes, and never the remote's bytes over the written ones. No
+// sector ever claims more than one slot.
+TEST_F(ReadonlyWriteTest, WritesLandInTheirOwnSlotAndStayThere) {
+    MakeRemote(40 * kSector);
+    const auto withinOneSlot = [](ReadonlyCache& store) {
+        for (const auto& [key, sector] : ReadonlyCachePeer::Sectors(store)) {
+            if (sector.length > kSector) return false;
+        }
+        return true;
+    };
+    // Where slot and sector offset coincide the sector ends where the write
+    // ends: 10 bytes at 5 make sector 0 hold 15.
+    auto fresh = ReadOnly("fresh.bin");
+    ASSERT_EQ(Write(*fresh, nullptr, Size(), 5, Pattern(10, 'a')), AE_OK);
+    EXPECT_EQ(ReadonlyCachePeer::Sectors(*fresh).at(0).length, 15);
+
+    // Slots in arrival order: sector 65536 in slot 0, 0 in 65536, 196608 in
+    // 131072.
+    auto store = ReadOnly();
+    ASSERT_EQ(Deliver(*store, kSector, kSector), AE_OK);
+    ASSERT_EQ(Deliver(*store, 0, kSector), AE_OK);
+    ASSERT_EQ(Deliver(*store, 3 * kSector, kSector), AE_OK);
+    auto image = remote;
+    auto put = [&](long long offset, const std::vector<char>& bytes) {
+        Overlay(image, offset, bytes);
+        return Write(*store, nullptr, Size(), offset, bytes);
+    };
+    ASSERT_EQ(put(0, Pattern(100, 'h')), AE_OK);
+    EXPECT_TRUE(withinOneSlot(*store));
+    EXPECT_EQ(Read(*store, fetch.get(), Size(), 0, kSector + 100).bytes,
+              Slice(image, 0, kSector + 100));
+
+    // A sector not cached gets a slot of its own; the rest of it comes from
+    // the remote later, around the written bytes.
+    ASSERT_EQ(put(10 * kSector, Pattern(100, 'f')), AE_OK);
+    EXPECT_EQ(Read(*store, nullptr, Size(), 10 * kSector, 100).bytes, Pattern(100, 'f'));
+    EXPECT_EQ(Read(*store, fetch.get(), Size(), 10 * kSector, kSector).bytes,
+              Slice(image, 10 * kSector, kSector));
+
+    // A reused slot still holds its last sector's bytes: a write in the
+    // middle of a sector not cached shows zeros before it, not those.
+    ReadonlyCachePeer::Evict(*store, 3 * kSector);
+    const auto middle = Pattern(10, 'm');
+    ASSERT_EQ(Write(*store, nullptr, Size(), 30 * kSector + 1000, middle), AE_OK);
+    std::vector<char> expected(1000, '\0');
+    expected.insert(expected.end(), middle.begin(), middle.end());
+    EXPECT_EQ(Read(*store, nullptr, Size(), 30 * kSector, 1010).bytes, expected);
+
+    // Fetched data that arrives for a written sector, as a read-ahead that
+    // starts at the end of a cached run does, leaves the written bytes alone.
+    ASSERT_EQ(Deliver(*store, 0, 2 * kSector), AE_OK);
+    EXPECT_EQ(Read(*store, fetch.get(), Size(), 0, 200).bytes, Slice(image, 0, 200));
+    EXPECT_TRUE(withinOneSlot(*store));
+}
+
 TEST_F(ReadonlyWriteTest, WriteFetchesMissingSectorsFirstOrGivesUp) {
     MakeRemote(8 * kSector);
     for (bool queued : {false, true}) {
