@@ -59,7 +59,10 @@ bool CacheDir::Take(const std::string& path, std::string* error) {
         return false;
     }
     filesPath_ = path + "/files/";
+    pendingPath_ = path + "/pending/";
+    recoveredPath_ = path + "/recovered/";
     if (!MakeDirectories(path + "/files", error)) return false;
+    leftovers_ = PendingCopies(pendingPath_, recoveredPath_).RecoverLeftovers(filesPath_);
     // Cache files never outlive a drive: whatever is here was left by a crash.
     if (DIR* files = opendir(filesPath_.c_str())) {
         const int directory = dirfd(files);

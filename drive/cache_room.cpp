@@ -3,7 +3,9 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
+#include <algorithm>
 #include <thread>
 
 namespace drive {
@@ -12,6 +14,7 @@ namespace {
 
 // A measurement younger than this is good enough: it costs a directory scan.
 constexpr std::chrono::milliseconds kFresh{10};
+constexpr long long kSectorBytes = 64 * 1024;
 // How often a waiting fetcher looks again.
 constexpr std::chrono::milliseconds kPoll{20};
 
@@ -54,6 +57,13 @@ long long CacheRoom::Estimate() {
         }
     }
     return Measure();
+}
+
+bool CacheRoom::LacksSpace(long long bytes) const {
+    struct statvfs info;
+    if (statvfs(directory_.c_str(), &info) != 0) return false;
+    const long long free = static_cast<long long>(info.f_bavail) * info.f_frsize;
+    return free < std::max(bytes, kSectorBytes);
 }
 
 void CacheRoom::Added(long long bytes) {

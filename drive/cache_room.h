@@ -44,6 +44,10 @@ class CacheRoom {
 
     // The bytes the directory's files take on disk, measured now.
     long long Measure();
+    // True when the file system holding the directory has less than
+    // `bytes`, and at least one 64 KiB sector, free: what a failed write
+    // of that many bytes tells the writer (ENOSPC rather than EIO).
+    bool LacksSpace(long long bytes) const;
     long long ceiling() const { return ceiling_; }
 
   private:

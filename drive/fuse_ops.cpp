@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "drive/listing.h"
+#include "hostkit/result_text.h"
 
 namespace drive {
 
@@ -18,32 +20,49 @@ namespace {
 
 // The largest read the kernel sends; the session is set up for it.
 constexpr unsigned kMaxRead = 1 << 20;
+// An open checks the file with the server unless the drive learnt about it
+// more recently: close-to-open consistency, as NFS gives.
+constexpr std::chrono::seconds kOpenCheckAge{1};
 
 FuseContext& Context(fuse_req_t req) {
     return *static_cast<FuseContext*>(fuse_req_userdata(req));
 }
 
-// The attributes of `info`, with the size of a local copy being written.
+// The type and permission bits a node shows: those chmod or its creation
+// gave it, else the defaults of its kind less the umask (write bits only
+// on a writable remote).
+mode_t PresentedMode(const FuseContext& context, const NodeInfo& info) {
+    const mode_t type = info.isDirectory ? S_IFDIR : S_IFREG;
+    if (info.mode >= 0) return type | static_cast<mode_t>(info.mode);
+    const mode_t writeBits = context.writable ? 0222 : 0;
+    const mode_t bits = (info.isDirectory ? 0555 : 0444) | writeBits;
+    return type | (bits & ~context.owner.umask);
+}
+
+// The attributes of `info`, with the size of a local copy being written and
+// the mode and time the drive keeps.
 struct stat AttributesOf(const FuseContext& context, NodeInfo info) {
     if (!info.isDirectory) {
         if (const long long local = context.files->LocalSize(info.inode); local >= 0) {
             info.size = local;
         }
     }
-    const mode_t writeBits = context.writable ? 0200 : 0;
+    const timespec modified =
+        info.modified.tv_nsec != UTIME_OMIT ? info.modified : timespec{info.mtime, 0};
     struct stat attributes;
     memset(&attributes, 0, sizeof attributes);
     attributes.st_ino = info.inode;
-    attributes.st_mode = info.isDirectory ? S_IFDIR | 0555 | writeBits : S_IFREG | 0444 | writeBits;
+    attributes.st_mode = PresentedMode(context, info);
     attributes.st_nlink = info.isDirectory ? 2 : 1;
     attributes.st_size = info.size;
     attributes.st_blksize = 64 * 1024;
     attributes.st_blocks = (info.size + 511) / 512;
-    attributes.st_mtim.tv_sec = info.mtime;
-    attributes.st_ctim.tv_sec = info.mtime;
-    attributes.st_atim.tv_sec = info.mtime;
-    attributes.st_uid = getuid();
-    attributes.st_gid = getgid();
+    // Access and change times follow the modification time.
+    attributes.st_mtim = modified;
+    attributes.st_ctim = modified;
+    attributes.st_atim = modified;
+    attributes.st_uid = context.owner.uid;
+    attributes.st_gid = context.owner.gid;
     return attributes;
 }
 
@@ -152,7 +171,9 @@ int OpenFile(FuseContext& context, const NodeInfo& info, fuse_file_info* fi, Ope
     bool unchanged = false;
     if (const int error = context.files->Open(info, handle, &unchanged); error != 0) return error;
     if (WantsWrite(fi)) {
-        if (const int error = context.files->BeginWrite(*handle, fi->flags & O_TRUNC); error != 0) {
+        if (const int error =
+                context.files->BeginWrite(*handle, fi->flags & O_TRUNC, fi->flags & O_EXCL);
+            error != 0) {
             context.files->Release(*handle);
             return error;
         }
@@ -172,7 +193,7 @@ void Open(fuse_req_t req, fuse_ino_t inode, fuse_file_info* fi) {
     }
     NodeInfo info;
     OpenHandle* handle = nullptr;
-    int error = context.tree->Stat(inode, &info);
+    int error = context.tree->StatFresh(inode, kOpenCheckAge, &info);
     if (error == 0) error = OpenFile(context, info, fi, &handle);
     if (error != 0) {
         fuse_reply_err(req, error);
@@ -194,62 +215,46 @@ int ChildPath(FuseContext& context, fuse_ino_t parent, const char* name, std::st
 int ChangeError(const FuseContext& context, const char* what, const std::string& path,
                 const HttpResponse& response) {
     if (response.code == CURLE_OK && response.status / 100 == 2) return 0;
-    context.log->Error("%s /%s failed: %s (HTTP %ld)", what, path.c_str(),
-                       response.code != CURLE_OK ? response.error.c_str() : "refused",
-                       response.status);
-    switch (response.status) {
-        case 403:
-            return EACCES;
-        case 404:
-        case 409:
-            return ENOENT;
-        case 405:
-            return EEXIST;
-        case 412:
-            return EBUSY;
-        case 507:
-            return ENOSPC;
-        default:
-            return EIO;
-    }
+    context.log->Error("%s /%s failed: %s", what, path.c_str(), DescribeFailure(response).c_str());
+    return response.code != CURLE_OK ? EIO : ChangeErrno(response.status);
 }
 
-void Create(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t, fuse_file_info* fi) {
+// A new file exists in the drive at once and reaches the server with its
+// first upload (close or fsync): one PUT for a file written at once.
+void Create(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t mode, fuse_file_info* fi) {
     FuseContext& context = Context(req);
-    if (!context.writable) {
-        fuse_reply_err(req, EROFS);
-        return;
-    }
-    // The empty file exists on the server at once, so that listings show
-    // it while it is being written.
-    std::string path;
-    int error = ChildPath(context, parent, name, &path);
-    if (error == 0) {
-        HttpRequest request;
-        request.path = path;
-        request.uploadSize = 0;
-        request.upload = [](char*, size_t) -> long long { return 0; };
-        if (fi->flags & O_EXCL) request.headers.push_back("If-None-Match: *");
-        error = ChangeError(context, "Creating", path, context.client->Send(request, {}));
-    }
+    NodeInfo directory;
     NodeInfo info;
-    if (error == 0) error = context.tree->Added(parent, name, &info);
+    int error = context.writable ? 0 : EROFS;
+    if (error == 0) error = context.tree->Stat(parent, &directory);
+    if (error == 0 && !directory.isDirectory) error = ENOTDIR;
+    if (error == 0) error = context.tree->Created(parent, name, mode & 07777, &info);
+    const bool created = error == 0;
+    if (error == EEXIST && !(fi->flags & O_EXCL)) {
+        error = context.tree->Lookup(parent, name, &info);  // made meanwhile: open it
+    } else if (created) {
+        fi->flags |= O_TRUNC;
+    }
     OpenHandle* handle = nullptr;
-    fi->flags |= O_TRUNC;
     if (error == 0) error = OpenFile(context, info, fi, &handle);
     if (error != 0) {
-        fuse_reply_err(req, error == EBUSY ? EEXIST : error);
+        if (created) context.tree->DropLocal(info.inode);
+        fuse_reply_err(req, error);
         return;
     }
     const fuse_entry_param entry = EntryOf(context, info);
-    if (fuse_reply_create(req, &entry, fi) != 0) context.files->Release(handle);
+    if (fuse_reply_create(req, &entry, fi) != 0) {
+        // The program never got the file: nothing of it goes to the server.
+        if (created) context.files->Remove(info.inode, [] { return 0; });
+        context.files->Release(handle);
+        if (created) context.tree->DropLocal(info.inode);
+    }
 }
 
 // Marks the read's own handle record closed so that the library's wait and
 // the fetches it started end.
 void OnInterrupt(fuse_req_t, void* data) {
-    std::atomic_ref<int32_t>(static_cast<_FS_HANDLE*>(data)->state)
-        .store(4, std::memory_order_relaxed);
+    CloseRecord(static_cast<_FS_HANDLE*>(data));
 }
 
 void Read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info* fi) {
@@ -263,15 +268,20 @@ void Read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info*
         fuse_reply_buf(req, nullptr, 0);
         return;
     }
+    // A copy spoilt by a failed write holds bytes the server never gets.
+    if (file.writing.load() && file.failure.load() != 0) {
+        fuse_reply_err(req, EIO);
+        return;
+    }
     thread_local std::vector<char> buffer;
     if (buffer.size() < static_cast<size_t>(length)) buffer.resize(length);
 
     // Every read carries a record of its own. The fetch jobs a read starts
     // (read-ahead among them) keep its record and stop when it is closed,
     // leaving what they had reserved to the readers' time-outs; so only an
-    // interrupt of this very read closes it, never the release of the open
-    // or an interrupt of another read.
-    auto record = std::make_shared<_FS_HANDLE>(*handle->record);
+    // interrupt of this very read, or the end of the mount, closes it, never
+    // the release of the open or an interrupt of another read.
+    const std::shared_ptr<_FS_HANDLE> record = context.files->BeginRead(*handle);
     _READDATA request{};
     request.buffer = buffer.data();
     request.offset = offset;
@@ -286,14 +296,16 @@ void Read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info*
     const AERROR result = file.object->Read(&request);
     const bool interrupted = fuse_req_interrupted(req) != 0;
     fuse_req_interrupt_func(req, nullptr, nullptr);
+    context.files->EndRead(record);
     if (interrupted) {
         Stats::Add(context.stats->readErrors, 1);
         fuse_reply_err(req, EINTR);
         return;
     }
     if (result != AE_OK) {
-        context.log->Error("Read /%s bytes %lld+%lld failed: %d", file.info.path.c_str(),
-                           static_cast<long long>(offset), length, result);
+        context.log->Error(
+            "Read /%s bytes %lld+%lld failed: %s", context.tree->PathOf(file.info.inode).c_str(),
+            static_cast<long long>(offset), length, hostkit::DescribeResult(result).c_str());
         Stats::Add(context.stats->readErrors, 1);
         fuse_reply_err(req, EIO);
         return;
@@ -309,11 +321,27 @@ void Release(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
     fuse_reply_err(req, 0);
 }
 
+// The server's quota where it publishes one. Otherwise a petabyte, all of
+// it free: programs that check the free space before they write must not
+// take an unknown size for a full disk.
 void StatFs(fuse_req_t req, fuse_ino_t) {
+    constexpr unsigned long kBlock = 4096;
+    constexpr long long kUnknownFree = 1LL << 50;
+    constexpr fsfilcnt_t kFileSlots = 1 << 30;
+    FuseContext& context = Context(req);
+    const Quota quota = context.space != nullptr ? context.space->Get() : Quota();
+    const long long available = quota.availableBytes >= 0 ? quota.availableBytes : kUnknownFree;
+    const long long used = std::max(quota.usedBytes, 0LL);
     struct statvfs info;
     memset(&info, 0, sizeof info);
     info.f_bsize = 64 * 1024;
-    info.f_frsize = 64 * 1024;
+    info.f_frsize = kBlock;
+    info.f_blocks = static_cast<fsblkcnt_t>((available + used) / kBlock);
+    info.f_bfree = static_cast<fsblkcnt_t>(available / kBlock);
+    info.f_bavail = info.f_bfree;
+    info.f_files = kFileSlots;
+    info.f_ffree = kFileSlots;
+    info.f_favail = kFileSlots;
     info.f_namemax = 255;
     fuse_reply_statfs(req, &info);
 }
@@ -331,49 +359,72 @@ void Write(fuse_req_t req, fuse_ino_t, const char* data, size_t size, off_t offs
 // Every close() and fsync send the file's pending changes, also those an
 // earlier failed close left: their errors reach the program.
 void Flush(fuse_req_t req, fuse_ino_t, fuse_file_info* fi) {
+    fuse_reply_err(req, Context(req).files->Flush(*HandleOf(fi)->file));
+}
+void FSync(fuse_req_t req, fuse_ino_t, int, fuse_file_info* fi) {
     fuse_reply_err(req, Context(req).files->Upload(*HandleOf(fi)->file));
 }
-void FSync(fuse_req_t req, fuse_ino_t inode, int, fuse_file_info* fi) {
-    Flush(req, inode, fi);
+
+// Sets the size of `inode`: through a writer's handle in its local copy,
+// else (truncate by name) in a copy of its own, sent to the server at once.
+int Resize(FuseContext& context, fuse_ino_t inode, long long size, fuse_file_info* fi) {
+    if (fi != nullptr && HandleOf(fi)->writer) return context.files->Truncate(HandleOf(fi), size);
+    NodeInfo info;
+    fuse_file_info own{};
+    own.flags = O_WRONLY | (size == 0 ? O_TRUNC : 0);
+    OpenHandle* handle = nullptr;
+    int error = context.tree->StatFresh(inode, kOpenCheckAge, &info);
+    if (error == 0) error = OpenFile(context, info, &own, &handle);
+    if (error != 0) return error;
+    error = context.files->Truncate(handle, size);
+    if (error == 0) error = context.files->Upload(*handle->file);
+    context.files->Release(handle);
+    return error;
 }
 
-// Size changes go to the local copy and, without an open handle (truncate
-// by name), straight to the server. Modes, owners and times are not kept
-// by the server: they are accepted and left as they are.
+// Owners are the drive's to present, not the server's to keep: changing
+// them answers EPERM, as a local file system does for a user who may not.
+int CheckOwner(FuseContext& context, fuse_ino_t inode, const struct stat& wanted, int fields) {
+    if (!(fields & (FUSE_SET_ATTR_UID | FUSE_SET_ATTR_GID))) return 0;
+    NodeInfo info;
+    if (const int error = context.tree->Stat(inode, &info); error != 0) return error;
+    const struct stat presented = AttributesOf(context, info);
+    if ((fields & FUSE_SET_ATTR_UID) && wanted.st_uid != presented.st_uid) return EPERM;
+    if ((fields & FUSE_SET_ATTR_GID) && wanted.st_gid != presented.st_gid) return EPERM;
+    return 0;
+}
+
+// chmod and utimensat: the drive keeps the mode and the time (see
+// RemoteTree::Keep); the access time follows the modification time.
+void KeepAttributes(FuseContext& context, fuse_ino_t inode, const struct stat& wanted, int fields) {
+    const int mode = fields & FUSE_SET_ATTR_MODE ? static_cast<int>(wanted.st_mode & 07777) : -1;
+    timespec modified{0, UTIME_OMIT};
+    if (fields & FUSE_SET_ATTR_MTIME_NOW) {
+        clock_gettime(CLOCK_REALTIME, &modified);
+    } else if (fields & FUSE_SET_ATTR_MTIME) {
+        modified = wanted.st_mtim;
+    }
+    if (mode >= 0 || modified.tv_nsec != UTIME_OMIT) context.tree->Keep(inode, mode, modified);
+}
+
 void SetAttr(fuse_req_t req, fuse_ino_t inode, struct stat* wanted, int fields,
              fuse_file_info* fi) {
     FuseContext& context = Context(req);
-    if (fields & FUSE_SET_ATTR_SIZE) {
-        if (!context.writable) {
-            fuse_reply_err(req, EROFS);
-            return;
-        }
-        int error = 0;
-        if (fi != nullptr && HandleOf(fi)->writer) {
-            error = context.files->Truncate(HandleOf(fi), wanted->st_size);
-        } else {
-            NodeInfo info;
-            fuse_file_info own{};
-            own.flags = O_WRONLY | (wanted->st_size == 0 ? O_TRUNC : 0);
-            OpenHandle* handle = nullptr;
-            error = context.tree->Stat(inode, &info);
-            if (error == 0) error = OpenFile(context, info, &own, &handle);
-            if (error == 0) {
-                error = context.files->Truncate(handle, wanted->st_size);
-                if (error == 0) error = context.files->Upload(*handle->file);
-                context.files->Release(handle);
-            }
-        }
-        if (error != 0) {
-            fuse_reply_err(req, error);
-            return;
-        }
+    int error = context.writable ? 0 : EROFS;
+    if (error == 0) error = CheckOwner(context, inode, *wanted, fields);
+    if (error == 0 && (fields & FUSE_SET_ATTR_SIZE)) {
+        error = Resize(context, inode, wanted->st_size, fi);
     }
+    if (error != 0) {
+        fuse_reply_err(req, error);
+        return;
+    }
+    KeepAttributes(context, inode, *wanted, fields);
     GetAttr(req, inode, fi);
 }
+
 // Sends `method` for the child `name` of `parent` (a directory when
-// `directory`), with further `headers`; the parent is listed again
-// afterwards. Returns 0 or an errno value.
+// `directory`), with further `headers`. Returns 0 or an errno value.
 int ChangeChild(FuseContext& context, const char* method, fuse_ino_t parent, const char* name,
                 bool directory, std::vector<std::string> headers = {}) {
     std::string path;
@@ -383,18 +434,15 @@ int ChangeChild(FuseContext& context, const char* method, fuse_ino_t parent, con
     request.path = path;
     request.method = method;
     request.headers = std::move(headers);
-    const int error = ChangeError(context, method, path, context.client->Send(request, {}));
-    context.tree->MarkListingStale(parent);
-    return error;
+    return ChangeError(context, method, path, context.client->Send(request, {}));
 }
 
-void MkDir(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t) {
+void MkDir(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t mode) {
     FuseContext& context = Context(req);
     NodeInfo info;
     int error = context.writable ? 0 : EROFS;
-    if (error == 0 && context.tree->Lookup(parent, name, &info) == 0) error = EEXIST;
     if (error == 0) error = ChangeChild(context, "MKCOL", parent, name, true);
-    if (error == 0) error = context.tree->Lookup(parent, name, &info);
+    if (error == 0) error = context.tree->MadeDirectory(parent, name, mode & 07777, &info);
     if (error != 0) {
         fuse_reply_err(req, error);
         return;
@@ -421,8 +469,16 @@ void Remove(fuse_req_t req, fuse_ino_t parent, const char* name, bool directory)
     NodeInfo info;
     int error = context.writable ? 0 : EROFS;
     if (error == 0) error = CheckChild(context, parent, name, directory, &info);
-    if (error == 0) error = ChangeChild(context, "DELETE", parent, name, directory);
-    if (error == 0 && !directory) context.files->Removed(info.inode);
+    if (error == 0) {
+        error = context.files->Remove(info.inode, [&] {
+            // A file not on the server yet needs no DELETE.
+            const int removed = context.tree->IsLocal(info.inode)
+                                    ? 0
+                                    : ChangeChild(context, "DELETE", parent, name, directory);
+            if (removed == 0) context.tree->Removed(parent, name);
+            return removed;
+        });
+    }
     fuse_reply_err(req, error);
 }
 void Unlink(fuse_req_t req, fuse_ino_t parent, const char* name) {
@@ -452,32 +508,38 @@ void Rename(fuse_req_t req, fuse_ino_t parent, const char* name, fuse_ino_t newP
         }
     }
     if (error == 0) error = ChildPath(context, newParent, newName, &targetPath);
-    if (error == 0 && !source.isDirectory) error = context.files->UploadPending(source.inode);
+    Inode replaced = 0;
     if (error == 0) {
-        const std::string slash = source.isDirectory ? "/" : "";
-        error = ChangeChild(context, "MOVE", parent, name, source.isDirectory,
+        error = context.files->Move(source.inode, [&] {
+            const std::string slash = source.isDirectory ? "/" : "";
+            const int moved =
+                ChangeChild(context, "MOVE", parent, name, source.isDirectory,
                             {"Destination: " + context.client->baseUrl() + targetPath + slash,
                              std::string("Overwrite: ") + (flags & RENAME_NOREPLACE ? "F" : "T")});
-        context.tree->MarkListingStale(newParent);
+            NodeInfo now;
+            if (moved == 0)
+                context.tree->Renamed(parent, name, newParent, newName, &now, &replaced);
+            return moved;
+        });
     }
-    NodeInfo moved;
-    Inode replaced = 0;
-    if (error == 0 &&
-        context.tree->Renamed(parent, name, newParent, newName, &moved, &replaced) == 0 &&
-        !moved.isDirectory) {
-        if (replaced != 0) context.files->Removed(replaced);
-        context.files->Moved(moved);
-    }
+    // The replaced file is gone from the server with whatever it had pending.
+    if (error == 0 && replaced != 0) context.files->Remove(replaced, [] { return 0; });
     fuse_reply_err(req, error);
 }
+// A web server keeps files and directories only: links and special files
+// are not supported where changes are, and refused as any change where
+// they are not.
+void ReplyUnsupported(fuse_req_t req) {
+    fuse_reply_err(req, Context(req).writable ? ENOTSUP : EROFS);
+}
 void MkNod(fuse_req_t req, fuse_ino_t, const char*, mode_t, dev_t) {
-    fuse_reply_err(req, EROFS);
+    ReplyUnsupported(req);
 }
 void SymLink(fuse_req_t req, const char*, fuse_ino_t, const char*) {
-    fuse_reply_err(req, EROFS);
+    ReplyUnsupported(req);
 }
 void Link(fuse_req_t req, fuse_ino_t, fuse_ino_t, const char*) {
-    fuse_reply_err(req, EROFS);
+    ReplyUnsupported(req);
 }
 
 fuse_lowlevel_ops MakeOperations() {

@@ -1,7 +1,7 @@
 // The file system the kernel sees: libfuse's low-level operations mapped
 // onto the remote tree (names, attributes, listings) and the cache objects
 // (open, read, write, release). On a read-only remote every change answers
-// EROFS.
+// EROFS; on a writable one, links and special files answer ENOTSUP.
 //
 // Thread-safe: libfuse's multi-threaded loop calls the operations from many
 // threads; each operation uses only thread-safe parts.
@@ -9,6 +9,8 @@
 #define DRIVE_FUSE_OPS_H_
 
 #include <fuse_lowlevel.h>
+#include <sys/types.h>
+#include <unistd.h>
 
 #include <vector>
 
@@ -17,12 +19,23 @@
 #include "drive/log.h"
 #include "drive/open_files.h"
 #include "drive/remote_tree.h"
+#include "drive/server_space.h"
 #include "drive/stats.h"
 
 namespace drive {
 
 // A directory's entries as opendir saw them, paged through by readdir.
 using Listing = std::vector<DirEntry>;
+
+// The owner every node shows, and the mode bits it shows: those the umask
+// leaves of rwx for directories and of rw for files (the write bits only
+// on a writable remote). The server keeps no owners: a chown that changes
+// nothing succeeds, any other answers EPERM.
+struct Ownership {
+    uid_t uid = getuid();
+    gid_t gid = getgid();
+    mode_t umask = 022;
+};
 
 // What the operations reach through fuse_req_userdata(); the pointers are
 // not owned.
@@ -32,6 +45,8 @@ struct FuseContext {
     Stats* stats = nullptr;
     DriveLog* log = nullptr;
     HttpClient* client = nullptr;
+    ServerSpace* space = nullptr;  // what statfs reports; null: nothing known
+    Ownership owner;
     bool writable = false;          // the remote takes changes (WebDAV)
     bool directIo = false;          // the kernel bypasses its page cache
     double attributeTtl = 1.0;      // seconds the kernel keeps names and attributes

@@ -2,6 +2,9 @@
 
 #include <strings.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -77,57 +80,139 @@ int OnProgress(void* context, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
 }
 
 size_t OnUpload(char* buffer, size_t size, size_t count, void* context) {
-    const auto* upload = static_cast<const std::function<long long(char*, size_t)>*>(context);
-    const long long filled = (*upload)(buffer, size * count);
+    const auto* request = static_cast<const HttpRequest*>(context);
+    const long long filled = request->upload(buffer, size * count);
     return filled < 0 ? CURL_READFUNC_ABORT : static_cast<size_t>(filled);
+}
+
+int OnSeek(void* context, curl_off_t offset, int origin) {
+    const auto* request = static_cast<const HttpRequest*>(context);
+    if (offset != 0 || origin != SEEK_SET || !request->rewind) return CURL_SEEKFUNC_CANTSEEK;
+    return request->rewind() ? CURL_SEEKFUNC_OK : CURL_SEEKFUNC_FAIL;
+}
+
+const char* StatusMeaning(long status) {
+    switch (status) {
+        case 401:
+            return "credentials refused or missing";
+        case 403:
+            return "access forbidden";
+        case 404:
+            return "not found";
+        case 405:
+            return "method not allowed";
+        case 409:
+            return "conflict";
+        case 412:
+            return "precondition failed";
+        case 413:
+            return "too large for the server";
+        case 423:
+            return "locked";
+        case 507:
+            return "no space left on the server";
+    }
+    if (status / 100 == 5) return "server error";
+    return "unexpected answer";
 }
 
 }  // namespace
 
-HttpClient::HttpClient(std::string baseUrl, int connections, HttpLimits limits, Stats* stats)
-    : baseUrl_(std::move(baseUrl)), connections_(connections), limits_(limits), stats_(stats) {}
-
-HttpClient::~HttpClient() {
-    for (CURL* handle : idle_) curl_easy_cleanup(handle);
+int ChangeErrno(long status) {
+    switch (status) {
+        case 401:
+        case 403:
+            return EACCES;
+        case 404:
+        case 409:
+            return ENOENT;  // the name, or a directory above it, is not there
+        case 405:
+            return EEXIST;  // MKCOL of a name in use
+        case 412:
+            return EBUSY;  // the file changed since the drive learnt its ETag
+        case 507:
+            return ENOSPC;
+        default:
+            return EIO;
+    }
 }
 
-CURL* HttpClient::Acquire() {
+bool IsCertificateProblem(CURLcode code) {
+    switch (code) {
+        case CURLE_PEER_FAILED_VERIFICATION:
+        case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_ISSUER_ERROR:
+        case CURLE_SSL_CRL_BADFILE:
+        case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+            return true;
+        default:
+            return false;
+    }
+}
+
+std::string DescribeFailure(const HttpResponse& response) {
+    if (response.code != CURLE_OK) return response.error;
+    if (response.status / 100 == 2) return {};
+    return "HTTP " + std::to_string(response.status) + ": " + StatusMeaning(response.status);
+}
+
+std::string HostOfUrl(const std::string& url) {
+    const size_t scheme = url.find("://");
+    const size_t start = scheme == std::string::npos ? 0 : scheme + 3;
+    std::string authority = url.substr(start, url.find_first_of("/?#", start) - start);
+    if (const size_t at = authority.rfind('@'); at != std::string::npos) {
+        authority.erase(0, at + 1);
+    }
+    return authority;
+}
+
+bool HasUserInfo(const std::string& url) {
+    const size_t scheme = url.find("://");
+    const size_t start = scheme == std::string::npos ? 0 : scheme + 3;
+    const size_t end = url.find_first_of("/?#", start);
+    return url.substr(start, end - start).find('@') != std::string::npos;
+}
+
+HttpClient::HttpClient(std::string baseUrl, int connections, HttpLimits limits, Stats* stats,
+                       HttpAccess access)
+    : baseUrl_(std::move(baseUrl)),
+      connections_(connections),
+      limits_(limits),
+      stats_(stats),
+      access_(std::move(access)) {}
+
+HttpClient::~HttpClient() {
+    for (const Connection& connection : idle_) curl_easy_cleanup(connection.handle);
+}
+
+HttpClient::Connection HttpClient::Acquire() {
     std::unique_lock<std::mutex> guard(lock_);
     freed_.wait(guard, [this] { return !idle_.empty() || created_ < connections_; });
     if (!idle_.empty()) {
-        CURL* handle = idle_.back();
+        const Connection connection = idle_.back();
         idle_.pop_back();
-        return handle;
+        return connection;
     }
-    CURL* handle = curl_easy_init();
-    if (handle != nullptr) ++created_;
-    return handle;
+    Connection connection;
+    connection.handle = curl_easy_init();
+    if (connection.handle != nullptr) {
+        ++created_;
+        ConfigureNew(connection.handle);
+    }
+    return connection;
 }
 
-void HttpClient::Release(CURL* handle) {
+void HttpClient::Release(Connection connection) {
     {
         std::lock_guard<std::mutex> guard(lock_);
-        idle_.push_back(handle);
+        idle_.push_back(connection);
     }
     freed_.notify_one();
 }
 
-HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) {
-    CURL* handle = Acquire();
-    if (handle == nullptr) {
-        HttpResponse failed;
-        failed.code = CURLE_OUT_OF_MEMORY;
-        failed.error = "cannot create a connection";
-        return failed;
-    }
-    // Resetting the options keeps the handle's open connections.
-    curl_easy_reset(handle);
-    Transfer transfer{handle, HttpResponse(), &sink};
-    char error[CURL_ERROR_SIZE] = "";
-    const std::string url = baseUrl_ + request.path;
-    curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+void HttpClient::ConfigureNew(CURL* handle) const {
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, error);
     curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 1L);
     curl_easy_setopt(handle, CURLOPT_MAXREDIRS, 5L);
     curl_easy_setopt(handle, CURLOPT_TCP_KEEPALIVE, 1L);
@@ -138,30 +223,68 @@ HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) 
     curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, 512L * 1024);
     curl_easy_setopt(handle, CURLOPT_USERAGENT, "cachedrive/1.0");
     curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, OnHeader);
-    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &transfer);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, OnBody);
-    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &transfer);
-    if (request.headOnly) curl_easy_setopt(handle, CURLOPT_NOBODY, 1L);
-    if (!request.method.empty())
-        curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, request.method.c_str());
-    if (request.keepGoing) {
-        curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
-        curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, OnProgress);
-        curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &request.keepGoing);
+    curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, OnProgress);
+    curl_easy_setopt(handle, CURLOPT_READFUNCTION, OnUpload);
+    curl_easy_setopt(handle, CURLOPT_SEEKFUNCTION, OnSeek);
+    if (!access_.netrcFile.empty()) {
+        curl_easy_setopt(handle, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_OPTIONAL));
+        curl_easy_setopt(handle, CURLOPT_NETRC_FILE, access_.netrcFile.c_str());
+        // The first answer tells which of the two the server wants; the
+        // handle keeps it from then on.
+        curl_easy_setopt(handle, CURLOPT_HTTPAUTH, CURLAUTH_BASIC | CURLAUTH_DIGEST);
+    } else {
+        curl_easy_setopt(handle, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
     }
+    if (!access_.caFile.empty()) curl_easy_setopt(handle, CURLOPT_CAINFO, access_.caFile.c_str());
+    if (!access_.certFile.empty()) {
+        curl_easy_setopt(handle, CURLOPT_SSLCERT, access_.certFile.c_str());
+    }
+    if (!access_.keyFile.empty()) curl_easy_setopt(handle, CURLOPT_SSLKEY, access_.keyFile.c_str());
+}
+
+HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) {
+    Connection connection = Acquire();
+    CURL* const handle = connection.handle;
+    if (handle == nullptr) {
+        HttpResponse failed;
+        failed.code = CURLE_OUT_OF_MEMORY;
+        failed.error = "cannot create a connection";
+        return failed;
+    }
+    // The handle keeps the options of its last request: every option a
+    // request may change is set here, to this request's value or back to
+    // its default.
+    Transfer transfer{handle, HttpResponse(), &sink};
+    char error[CURL_ERROR_SIZE] = "";
+    const std::string url = baseUrl_ + request.path;
+    curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, error);
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &transfer);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &transfer);
+    curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
+    curl_easy_setopt(handle, CURLOPT_UPLOAD, request.uploadSize >= 0 ? 1L : 0L);
+    curl_easy_setopt(handle, CURLOPT_NOBODY, request.headOnly ? 1L : 0L);
+    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST,
+                     request.method.empty() ? nullptr : request.method.c_str());
+    curl_easy_setopt(handle, CURLOPT_NOPROGRESS, request.keepGoing ? 0L : 1L);
+    curl_easy_setopt(handle, CURLOPT_XFERINFODATA, &request.keepGoing);
     std::string range;
     if (request.rangeFirst >= 0) {
         range = std::to_string(request.rangeFirst) + "-" + std::to_string(request.rangeLast);
-        curl_easy_setopt(handle, CURLOPT_RANGE, range.c_str());
     }
+    curl_easy_setopt(handle, CURLOPT_RANGE, range.empty() ? nullptr : range.c_str());
     std::unique_ptr<curl_slist, void (*)(curl_slist*)> headers(nullptr, curl_slist_free_all);
     std::vector<std::string> headerLines = request.headers;
-    if (request.uploadSize >= 0) {
-        curl_easy_setopt(handle, CURLOPT_UPLOAD, 1L);
-        curl_easy_setopt(handle, CURLOPT_INFILESIZE_LARGE,
-                         static_cast<curl_off_t>(request.uploadSize));
-        curl_easy_setopt(handle, CURLOPT_READFUNCTION, OnUpload);
-        curl_easy_setopt(handle, CURLOPT_READDATA, &request.upload);
+    curl_easy_setopt(handle, CURLOPT_INFILESIZE_LARGE,
+                     static_cast<curl_off_t>(std::max(request.uploadSize, -1LL)));
+    curl_easy_setopt(handle, CURLOPT_READDATA, &request);
+    curl_easy_setopt(handle, CURLOPT_SEEKDATA, &request);
+    if (request.uploadSize > 0 && !access_.netrcFile.empty() && !connection.answered) {
+        // The handle does not know the server's scheme yet: its 401 must
+        // come before the body goes, not after.
+        headerLines.push_back("Expect: 100-continue");
+    } else if (request.uploadSize >= 0) {
         // The body follows at once: waiting for "100 Continue" costs a round trip.
         headerLines.push_back("Expect:");
     }
@@ -173,7 +296,7 @@ HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) 
             headers.reset(grown);
         }
     }
-    if (headers) curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
+    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
     Stats::Add(stats_->requests, 1);
     transfer.response.code = curl_easy_perform(handle);
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &transfer.response.status);
@@ -181,7 +304,13 @@ HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) 
         transfer.response.error =
             error[0] != '\0' ? error : curl_easy_strerror(transfer.response.code);
     }
-    Release(handle);
+    // Nothing the handle keeps may point into this call once it returns.
+    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
+    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, nullptr);
+    curl_easy_setopt(handle, CURLOPT_RANGE, nullptr);
+    curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, nullptr);
+    connection.answered = connection.answered || transfer.response.status != 0;
+    Release(connection);
     return std::move(transfer.response);
 }
 

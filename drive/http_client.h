@@ -1,5 +1,6 @@
 // HTTP requests to one server over a bounded pool of keep-alive connections
-// (libcurl easy handles that are reused, so their connections stay open).
+// (libcurl easy handles that are reused, so their connections stay open),
+// with the credentials and certificates the server asks for.
 //
 // Thread-safe: any thread may send requests; a request waits for a free
 // connection when all of them are busy.
@@ -31,6 +32,11 @@ struct HttpRequest {
     // up to `size` bytes and returns how many, or -1 to abandon the transfer.
     long long uploadSize = -1;
     std::function<long long(char* buffer, size_t size)> upload;
+    // Starts the body again from its first byte; returns false when it
+    // cannot. A server that asks for credentials again while the body is
+    // under way (a digest nonce gone stale) needs the body a second time;
+    // without `rewind` such an upload fails.
+    std::function<bool()> rewind;
     // Asked while the transfer runs, also when no byte arrives; false
     // abandons it (CURLE_ABORTED_BY_CALLBACK).
     std::function<bool()> keepGoing;
@@ -56,6 +62,38 @@ struct HttpLimits {
     long lowSpeedSeconds = 5;
 };
 
+// Who the client says it is and whom it trusts. Paths are absolute (the
+// drive leaves its working directory when it goes to the background); an
+// empty path is not used.
+struct HttpAccess {
+    // Credentials in curl's netrc format, for the server's host; libcurl
+    // negotiates basic or digest authentication with them.
+    std::string netrcFile;
+    std::string caFile;    // CA certificates trusted instead of the system's
+    std::string certFile;  // client certificate (PEM)
+    std::string keyFile;   // its private key (PEM, unencrypted); empty: in certFile
+};
+
+// True when a transfer failed on a certificate: the server's is not trusted,
+// or the client's own cannot be used.
+bool IsCertificateProblem(CURLcode code);
+
+// What went wrong with `response`, for a log line: libcurl's message, or the
+// HTTP status with what it means ("HTTP 401: credentials refused"). Empty
+// for a 2xx answer.
+std::string DescribeFailure(const HttpResponse& response);
+
+// The host and port of `url` ("127.0.0.1:8443"), without any user
+// information.
+std::string HostOfUrl(const std::string& url);
+
+// True when `url` carries user information ("https://user:pw@host/").
+bool HasUserInfo(const std::string& url);
+
+// The errno value of a change (PUT, MKCOL, DELETE, MOVE) that the server
+// refused with HTTP status `status`.
+int ChangeErrno(long status);
+
 class HttpClient {
   public:
     // Receives the body as it arrives, with the response's status line and
@@ -63,7 +101,8 @@ class HttpClient {
     using BodySink = std::function<bool(const HttpResponse& head, const char* data, size_t size)>;
 
     // `baseUrl` ends in '/'. Counts every request in `stats` (not owned).
-    HttpClient(std::string baseUrl, int connections, HttpLimits limits, Stats* stats);
+    HttpClient(std::string baseUrl, int connections, HttpLimits limits, Stats* stats,
+               HttpAccess access = {});
     HttpClient(const HttpClient&) = delete;
     HttpClient& operator=(const HttpClient&) = delete;
     ~HttpClient();
@@ -79,18 +118,30 @@ class HttpClient {
     const std::string& baseUrl() const { return baseUrl_; }
 
   private:
-    CURL* Acquire();
-    void Release(CURL* handle);
+    // A libcurl handle and what it has learnt. The handle is never reset:
+    // it keeps the authentication scheme and digest nonce the server gave,
+    // so that later requests carry credentials without a 401 round trip.
+    struct Connection {
+        CURL* handle = nullptr;
+        bool answered = false;  // the server has answered one request on it
+    };
+
+    Connection Acquire();
+    void Release(Connection connection);
+    // Sets what every request on `handle` shares: time-outs, credentials,
+    // certificates.
+    void ConfigureNew(CURL* handle) const;
 
     const std::string baseUrl_;
     const int connections_;
     const HttpLimits limits_;
     Stats* const stats_;
+    const HttpAccess access_;
 
     std::mutex lock_;
     std::condition_variable freed_;
-    std::vector<CURL*> idle_;  // GUARDED_BY(lock_)
-    int created_ = 0;          // GUARDED_BY(lock_)
+    std::vector<Connection> idle_;  // GUARDED_BY(lock_)
+    int created_ = 0;               // GUARDED_BY(lock_)
 };
 
 }  // namespace drive

@@ -40,39 +40,57 @@ struct RangeTransfer {
 
 HttpFetcher::HttpFetcher(NodeInfo file, HttpClient* client, RemoteTree* tree, DriveLog* log,
                          Stats* stats, FetchPolicy policy, CacheRoom* room)
-    : file_(std::move(file)),
+    : inode_(file.inode),
+      firstPath_(file.path),
       client_(client),
       tree_(tree),
       log_(log),
       stats_(stats),
       policy_(policy),
       room_(room),
-      etag_(file_.etag) {}
+      version_{file.size, file.etag, file.version} {}
+
+void HttpFetcher::Retarget(const NodeInfo& now) {
+    std::lock_guard<std::mutex> guard(lock_);
+    version_ = {now.size, now.etag, now.version};
+}
 
 bool HttpFetcher::SameVersion(const std::string& etag) {
     if (etag.empty() || etag.rfind("W/", 0) == 0) return true;
+    uint64_t number = 0;
     {
-        std::lock_guard<std::mutex> guard(etagLock_);
-        if (!etag_.empty()) return etag_ == etag;
-        etag_ = etag;
+        std::lock_guard<std::mutex> guard(lock_);
+        if (!version_.etag.empty()) return version_.etag == etag;
+        version_.etag = etag;
+        number = version_.number;
     }
-    tree_->LearnEtag(file_.inode, file_.version, etag);
+    tree_->LearnEtag(inode_, number, etag);
     return true;
 }
 
+HttpFetcher::Version HttpFetcher::Current() {
+    std::lock_guard<std::mutex> guard(lock_);
+    return version_;
+}
+
 std::string HttpFetcher::Etag() {
-    std::lock_guard<std::mutex> guard(etagLock_);
-    return etag_;
+    return Current().etag;
+}
+
+std::string HttpFetcher::Path() {
+    std::string path = tree_->PathOf(inode_);
+    return path.empty() ? firstPath_ : path;
 }
 
 AERROR HttpFetcher::Fetch(long long offset, long long length, std::shared_ptr<_FS_HANDLE> handle,
                           IFetchCallback* sink) {
     calls_.fetch_add(1, std::memory_order_relaxed);
-    length = std::min(length, file_.size - offset);
+    const long long size = Current().size;
+    length = std::min(length, size - offset);
     if (length <= 0 || offset < 0) return AE_OK;
     if (handle == nullptr) return AE_HANDLE_CLOSED;
     if (length <= policy_.splitAbove || policy_.parallelRanges < 2) {
-        return FetchRange(offset, length, *handle, sink);
+        return FetchRange(offset, length, size, *handle, sink);
     }
     // Ranges of whole sectors, one per connection, each streaming on its own.
     const long long parts = std::min<long long>(policy_.parallelRanges, length / kSector);
@@ -81,10 +99,10 @@ AERROR HttpFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
     std::vector<std::thread> workers;
     for (long long i = 0; i < parts; ++i) {
         const long long first = offset + i * share;
-        const long long size = std::min(share, offset + length - first);
-        if (size <= 0) break;
-        workers.emplace_back([this, i, first, size, &handle, sink, &results] {
-            results[i] = FetchRange(first, size, *handle, sink);
+        const long long part = std::min(share, offset + length - first);
+        if (part <= 0) break;
+        workers.emplace_back([this, i, first, part, size, &handle, sink, &results] {
+            results[i] = FetchRange(first, part, size, *handle, sink);
         });
     }
     for (std::thread& worker : workers) worker.join();
@@ -94,8 +112,9 @@ AERROR HttpFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
     return AE_OK;
 }
 
-AERROR HttpFetcher::FetchRange(long long offset, long long length, const _FS_HANDLE& handle,
-                               IFetchCallback* sink) {
+AERROR HttpFetcher::FetchRange(long long offset, long long length, long long size,
+                               const _FS_HANDLE& handle, IFetchCallback* sink) {
+    const std::string path = Path();
     RangeTransfer transfer{offset + length, offset, offset, {}};
     transfer.piece.reserve(kPieceBytes);
 
@@ -127,18 +146,17 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, const _FS_HAN
         const long long wanted = transfer.end - transfer.received;
         if (head.status == 206) {
             const auto range = ParseContentRange(head.contentRange);
-            if (range && RangeMatches(*range, transfer.received, wanted, file_.size)) return true;
-            log_->Error("Fetch %s: asked for bytes %lld-%lld, got Content-Range '%s'",
-                        file_.path.c_str(), transfer.received, transfer.end - 1,
-                        head.contentRange.c_str());
-            transfer.verdict = range && range->total >= 0 && range->total != file_.size
+            if (range && RangeMatches(*range, transfer.received, wanted, size)) return true;
+            log_->Error("Fetch %s: asked for bytes %lld-%lld, got Content-Range '%s'", path.c_str(),
+                        transfer.received, transfer.end - 1, head.contentRange.c_str());
+            transfer.verdict = range && range->total >= 0 && range->total != size
                                    ? Outcome::kChanged
                                    : Outcome::kFail;
             return false;
         }
         if (head.status == 200) {
             // The server ignores ranges: the body is the whole file.
-            if (head.contentLength >= 0 && head.contentLength != file_.size) {
+            if (head.contentLength >= 0 && head.contentLength != size) {
                 transfer.verdict = Outcome::kChanged;
                 return false;
             }
@@ -183,10 +201,10 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, const _FS_HAN
     auto backoff = policy_.firstBackoff;
     for (int attempt = 0;; ++attempt) {
         HttpRequest request;
-        request.path = file_.path;
+        request.path = path;
         request.rangeFirst = transfer.received;
         request.rangeLast = transfer.end - 1;
-        request.ifMatch = Etag();
+        request.ifMatch = Current().etag;
         request.keepGoing = [&handle] { return !HandleClosed(handle); };
         transfer.started = false;
         transfer.skip = 0;
@@ -209,7 +227,7 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, const _FS_HAN
         if (transfer.verdict == Outcome::kRetry && response.code == CURLE_OK &&
             response.status != 0 && response.status != 200 && response.status != 206 &&
             response.status < 500) {
-            log_->Error("Fetch %s: HTTP %ld", file_.path.c_str(), response.status);
+            log_->Error("Fetch %s: HTTP %ld", path.c_str(), response.status);
             transfer.verdict = Outcome::kFail;
         }
         switch (transfer.verdict) {
@@ -218,8 +236,8 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, const _FS_HAN
             case Outcome::kSinkFailed:
                 return transfer.sinkError;
             case Outcome::kChanged:
-                log_->Error("Fetch %s: the file changed on the server", file_.path.c_str());
-                tree_->MarkChanged(file_.inode);
+                log_->Error("Fetch %s: the file changed on the server", path.c_str());
+                tree_->MarkChanged(inode_);
                 return AE_READ_FAILED;
             case Outcome::kFail:
                 return AE_READ_FAILED;
@@ -236,7 +254,7 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, const _FS_HAN
             attempt = policy_.retries;
         }
         if (attempt >= policy_.retries) {
-            log_->Error("Fetch %s bytes %lld-%lld failed: %s (HTTP %ld)", file_.path.c_str(),
+            log_->Error("Fetch %s bytes %lld-%lld failed: %s (HTTP %ld)", path.c_str(),
                         transfer.received, transfer.end - 1,
                         response.code != CURLE_OK ? response.error.c_str() : "short body",
                         response.status);

@@ -37,8 +37,9 @@ struct FetchPolicy {
 
 class HttpFetcher final : public IFetch {
   public:
-    // Fetches version `file.version` of `file`; all pointers are not owned
-    // and outlive the fetcher; `room` may be null.
+    // Fetches version `file.version` of `file` from the path the tree gives
+    // for its inode at each request (`file.path` when the tree has none);
+    // all pointers are not owned and outlive the fetcher; `room` may be null.
     HttpFetcher(NodeInfo file, HttpClient* client, RemoteTree* tree, DriveLog* log, Stats* stats,
                 FetchPolicy policy, CacheRoom* room = nullptr);
     HttpFetcher(const HttpFetcher&) = delete;
@@ -51,21 +52,35 @@ class HttpFetcher final : public IFetch {
     // deliver the bytes.
     AERROR Fetch(long long offset, long long length, std::shared_ptr<_FS_HANDLE> handle,
                  IFetchCallback* sink) override;
-    long long GetHostHandle() override { return static_cast<long long>(file_.inode); }
+    long long GetHostHandle() override { return static_cast<long long>(inode_); }
+
+    // Fetches version `now.version` from here on: the drive uploaded it.
+    void Retarget(const NodeInfo& now);
+    // The ETag of the version fetched; empty when unknown.
+    std::string Etag();
 
     // Number of Fetch calls begun so far.
     long long Calls() const { return calls_.load(std::memory_order_relaxed); }
 
   private:
-    // One range, on one connection, with retries.
-    AERROR FetchRange(long long offset, long long length, const _FS_HANDLE& handle,
+    // The version fetched, as far as the fetcher knows it.
+    struct Version {
+        long long size = 0;
+        std::string etag;  // learned from the first response when unknown
+        uint64_t number = 0;
+    };
+
+    // One range of a file of `size` bytes, on one connection, with retries.
+    AERROR FetchRange(long long offset, long long length, long long size, const _FS_HANDLE& handle,
                       IFetchCallback* sink);
-    std::string Etag();
+    Version Current();
+    std::string Path();
     // True unless `etag` (a response's) shows another version than the one
     // fetched so far; the first strong ETag seen becomes the version's.
     bool SameVersion(const std::string& etag);
 
-    const NodeInfo file_;
+    const Inode inode_;
+    const std::string firstPath_;
     HttpClient* const client_;
     RemoteTree* const tree_;
     DriveLog* const log_;
@@ -74,8 +89,8 @@ class HttpFetcher final : public IFetch {
     CacheRoom* const room_;
     std::atomic<long long> calls_{0};
 
-    std::mutex etagLock_;
-    std::string etag_;  // GUARDED_BY(etagLock_); learned from the first response when unknown
+    std::mutex lock_;
+    Version version_;  // GUARDED_BY(lock_)
 };
 
 }  // namespace drive

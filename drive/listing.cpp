@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <memory>
 #include <set>
 
@@ -264,6 +265,78 @@ std::string_view Trim(std::string_view text) {
     return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
 }
 
+// Hands the elements of `xml` to `reader` as they open and close, with the
+// trimmed, decoded text each one holds (Open(name), Close(name, text));
+// names are local, without a namespace prefix. False when the text is not
+// well-formed enough to read.
+template <typename Reader>
+bool ReadElements(std::string_view xml, Reader* reader) {
+    std::string text;  // character data since the last tag, decoded
+    size_t at = 0;
+    for (size_t open; (open = xml.find('<', at)) != std::string_view::npos;) {
+        text.append(DecodeEntities(xml.substr(at, open - at)));
+        const std::string_view rest = xml.substr(open);
+        if (rest.rfind("<![CDATA[", 0) == 0) {
+            const size_t end = rest.find("]]>");
+            if (end == std::string_view::npos) return false;
+            text.append(rest.substr(9, end - 9));
+            at = open + end + 3;
+            continue;
+        }
+        const bool comment = rest.rfind("<!--", 0) == 0;
+        const size_t close = comment ? rest.find("-->") : rest.find('>');
+        if (close == std::string_view::npos) return false;
+        at = open + close + (comment ? 3 : 1);
+        if (comment || rest[1] == '?' || rest[1] == '!') continue;
+        const std::string_view tag = rest.substr(1, close - 1);
+        if (!tag.empty() && tag[0] == '/') {
+            reader->Close(LocalName(tag.substr(1)), std::string(Trim(text)));
+        } else {
+            reader->Open(LocalName(tag));
+            if (!tag.empty() && tag.back() == '/') reader->Close(LocalName(tag), "");
+        }
+        text.clear();
+    }
+    return true;
+}
+
+// Picks the quota properties out of the answer to a PROPFIND with
+// "Depth: 0"; properties in a propstat with an error status do not count.
+class QuotaReader {
+  public:
+    void Open(std::string_view name) {
+        if (name == "propstat") found_ = Quota();
+    }
+
+    void Close(std::string_view name, const std::string& text) {
+        if (name == "quota-available-bytes") {
+            found_.availableBytes = ByteCount(text);
+        } else if (name == "quota-used-bytes") {
+            found_.usedBytes = ByteCount(text);
+        } else if (name == "status") {
+            const size_t space = text.find(' ');
+            propstatOk_ = space != std::string::npos && text.compare(space + 1, 1, "2") == 0;
+        } else if (name == "propstat" && propstatOk_) {
+            if (found_.availableBytes >= 0) quota_.availableBytes = found_.availableBytes;
+            if (found_.usedBytes >= 0) quota_.usedBytes = found_.usedBytes;
+        }
+    }
+
+    const Quota& quota() const { return quota_; }
+
+  private:
+    static long long ByteCount(const std::string& text) {
+        char* end = nullptr;
+        errno = 0;
+        const long long count = std::strtoll(text.c_str(), &end, 10);
+        return text.empty() || *end != '\0' || count < 0 || errno == ERANGE ? -1 : count;
+    }
+
+    Quota quota_;
+    Quota found_;
+    bool propstatOk_ = false;
+};
+
 }  // namespace
 
 std::optional<std::string> PercentDecode(std::string_view text) {
@@ -351,34 +424,14 @@ std::vector<ListingEntry> ParseHtmlListing(std::string_view html, std::string_vi
 std::optional<std::vector<ListingEntry>> ParsePropfindListing(std::string_view xml,
                                                               std::string_view directoryPath) {
     MultistatusReader reader(directoryPath);
-    std::string text;  // character data since the last tag, decoded
-    size_t at = 0;
-    for (size_t open; (open = xml.find('<', at)) != std::string_view::npos;) {
-        text.append(DecodeEntities(xml.substr(at, open - at)));
-        const std::string_view rest = xml.substr(open);
-        if (rest.rfind("<![CDATA[", 0) == 0) {
-            const size_t end = rest.find("]]>");
-            if (end == std::string_view::npos) return std::nullopt;
-            text.append(rest.substr(9, end - 9));
-            at = open + end + 3;
-            continue;
-        }
-        const bool comment = rest.rfind("<!--", 0) == 0;
-        const size_t close = comment ? rest.find("-->") : rest.find('>');
-        if (close == std::string_view::npos) return std::nullopt;
-        at = open + close + (comment ? 3 : 1);
-        if (comment || rest[1] == '?' || rest[1] == '!') continue;
-        const std::string_view tag = rest.substr(1, close - 1);
-        if (!tag.empty() && tag[0] == '/') {
-            reader.Close(LocalName(tag.substr(1)), std::string(Trim(text)));
-        } else {
-            reader.Open(LocalName(tag));
-            if (!tag.empty() && tag.back() == '/') reader.Close(LocalName(tag), "");
-        }
-        text.clear();
-    }
-    if (!reader.sawMultistatus()) return std::nullopt;
+    if (!ReadElements(xml, &reader) || !reader.sawMultistatus()) return std::nullopt;
     return reader.TakeEntries();
+}
+
+std::optional<Quota> ParsePropfindQuota(std::string_view xml) {
+    QuotaReader reader;
+    if (!ReadElements(xml, &reader)) return std::nullopt;
+    return reader.quota();
 }
 
 }  // namespace drive

@@ -1,5 +1,6 @@
 // Parsers of directory index pages that web servers generate: nginx's JSON
-// autoindex and the HTML pages of nginx, Apache and python's http.server.
+// autoindex, the HTML pages of nginx, Apache and python's http.server, and
+// WebDAV multistatus answers (listings and quota).
 //
 // Pure functions of the page text; thread-safe.
 #ifndef DRIVE_LISTING_H_
@@ -42,6 +43,17 @@ std::vector<ListingEntry> ParseHtmlListing(std::string_view html, std::string_vi
 // error status are left out.
 std::optional<std::vector<ListingEntry>> ParsePropfindListing(std::string_view xml,
                                                               std::string_view directoryPath);
+
+// The space a WebDAV server reports for a collection; -1 for what it does
+// not report.
+struct Quota {
+    long long availableBytes = -1;
+    long long usedBytes = -1;
+};
+
+// The quota-available-bytes and quota-used-bytes properties of the answer to
+// a PROPFIND with "Depth: 0"; nullopt when `xml` does not parse.
+std::optional<Quota> ParsePropfindQuota(std::string_view xml);
 
 // `text` with %XX escapes decoded; nullopt for a malformed escape.
 std::optional<std::string> PercentDecode(std::string_view text);

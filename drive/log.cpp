@@ -1,5 +1,6 @@
 #include "drive/log.h"
 
+#include <string.h>
 #include <time.h>
 
 #include <string>
@@ -64,6 +65,13 @@ void DriveLog::Write(const char* severity, const char* format, va_list args) {
     vfprintf(out_, format, args);
     fputc('\n', out_);
     fflush(out_);
+}
+
+std::string DescribeErrno(int error) {
+    const char* name = strerrorname_np(error);
+    char text[128];
+    return "error " + std::to_string(error) + " (" + (name != nullptr ? name : "unknown") + ": " +
+           strerror_r(error, text, sizeof text) + ")";
 }
 
 }  // namespace drive

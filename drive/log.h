@@ -8,6 +8,7 @@
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
+#include <string>
 
 #include "cache/cache.h"
 
@@ -42,6 +43,10 @@ class DriveLog final : public ILog {
     const int verbosity_;
     std::mutex lock_;
 };
+
+// An errno value for a log line, named and explained:
+// "error 5 (EIO: Input/output error)".
+std::string DescribeErrno(int error);
 
 }  // namespace drive
 

@@ -1,14 +1,19 @@
-// cachedrive: mounts a directory that a web server publishes as a read-only
-// file system, every read served through the cache library.
+// cachedrive: mounts a directory that a web server publishes as a file
+// system (read-write over WebDAV), every read served through the cache
+// library.
 //
-// Start-up: parse the options, take the cache directory, list the root once
-// (a bad URL fails here, with a clear message), mount, daemonise unless -f,
+// Start-up: parse the options, take the cache directory, ask the server for
+// OPTIONS and list the root once (a bad URL, refused credentials or an
+// untrusted certificate fail here, with a clear message), mount, daemonise
+// unless -f,
 // then start the threads (job queue, statistics, the library's own) and
 // serve until the file system is unmounted or SIGINT/SIGTERM/SIGHUP arrives.
 
 #include <fuse_lowlevel.h>
+#include <grp.h>
 #include <jansson.h>
 #include <pthread.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,11 +22,14 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -36,8 +44,11 @@
 #include "drive/http_client.h"
 #include "drive/log.h"
 #include "drive/open_files.h"
+#include "drive/pending_copies.h"
 #include "drive/remote_tree.h"
+#include "drive/server_space.h"
 #include "drive/stats.h"
+#include "hostkit/result_text.h"
 #include "hostkit/thread_pool_queue.h"
 
 namespace {
@@ -49,10 +60,27 @@ namespace {
 // what one read-ahead brings is not evicted before it is read.
 constexpr long long kRoomMarginDivisor = 4;
 constexpr std::chrono::milliseconds kRoomMaxWait{3000};
+// The library looks at its storage limit every 30 s and, over the limit,
+// evicts only sectors older than 30 s (read) or 60 s (never read): a drive
+// reading at network speed would fill the cache directory far past the
+// limit before the first pass, and the fetchers' wait for room would run
+// out. The drive has it look every second and, over the limit, evict what
+// was read at least a second ago and read-ahead left unread for two.
+constexpr const char* kEvictionSettings =
+    R"({"cache":{"clear":{"period":1000,"over":{"usedblock":0,"unusedblock":1}}}})";
 // The library's read-ahead bounds when not configured otherwise.
 constexpr long long kLibraryReadAheadMin = 1LL << 20;
 constexpr long long kLibraryReadAheadMax = 64LL << 20;
 constexpr long long kSector = 64 * 1024;
+
+// Listings and attributes are kept this long unless --dir-cache says
+// otherwise: listing a directory costs the server work for every entry,
+// while what the drive changes itself it knows at once, and an open asks
+// about its own file anyway. A change made elsewhere shows in listings and
+// stat within this time.
+constexpr std::chrono::seconds kDefaultDirCache{30};
+// The kernel keeps names and attributes at most this long.
+constexpr std::chrono::milliseconds kKernelAttributeTtl{1000};
 
 // The drive carries the version of the library it is built with.
 constexpr const char* kVersion = "cachedrive " CACHE_VERSION_STRING;
@@ -67,6 +95,18 @@ fetched with ranged GETs and kept in a local disk cache. A file written
 through the mount is uploaded whole with one PUT when it is closed or synced.
 
 Options:
+  --netrc-file FILE    credentials for the server's host, in curl's netrc
+                       format ("machine HOST login USER password PASSWORD";
+                       default ~/.netrc when it exists); basic or digest
+                       authentication, as the server asks
+  --cacert FILE        trust the CA certificates in FILE (PEM) for https://
+  --cert FILE          client certificate (PEM) for servers that ask for one
+  --key FILE           its private key (PEM, unencrypted; default: in --cert)
+  --uid USER           show every file as owned by USER (name or number;
+                       default: the user who mounts)
+  --gid GROUP          show every file in GROUP (name or number)
+  --umask MASK         mode bits to hide, in octal (default 022: 0755 for
+                       directories, 0644 for files); -o uid=,gid=,umask= too
   --cache-dir DIR      cache directory (default $XDG_CACHE_HOME/cachedrive/<hash
                        of URL>, or ~/.cache/cachedrive/...); one drive at a time
   --limit BYTES        storage limit of the cache (default 1G, at least 64M);
@@ -74,6 +114,10 @@ Options:
   --config JSON|@FILE  configuration of the cache library, as text or a file
   --connections N      HTTP connections to the server (default 8)
   --webdav             list with PROPFIND without asking the server first
+  --dir-cache SECONDS  keep listings and attributes this long (default 30);
+                       changes made through the mount show at once, and an
+                       open always asks about its file unless the drive
+                       learnt of it within the last second
   --log FILE           write log lines to FILE (default: standard error)
   --stats              print statistics on exit; SIGUSR1 prints them any time
   -f                   stay in the foreground (SIGINT/SIGTERM unmount)
@@ -81,11 +125,18 @@ Options:
                        per-sector detail (default: errors only)
   -q                   log nothing but the drive's own errors
   -o OPT[,OPT...]      FUSE mount options; -o direct_io makes the kernel bypass
-                       its page cache, so every read reaches the cache
+                       its page cache, so every read reaches the cache;
+                       -o allow_other lets other users in (non-root users need
+                       user_allow_other in /etc/fuse.conf), and with
+                       -o default_permissions the kernel enforces the modes
   -h, --help           show this text
   --version            show the version
 
-Exit status: 0 after a clean unmount, 1 when the mount fails or the cache
+A user name or password in URL is refused: it would show in ps. Put it in a
+netrc file instead.
+
+Exit status: 0 after a clean unmount, 1 when the mount fails (the server
+refuses the credentials, its certificate is not trusted, ...) or the cache
 directory is in use, 2 on bad arguments.
 )";
 
@@ -103,6 +154,9 @@ struct Options {
     std::vector<std::string> fuseOptions;
     bool directIo = false;
     bool webdav = false;
+    drive::HttpAccess access;
+    drive::Ownership owner;
+    std::chrono::milliseconds dirCache{kDefaultDirCache};
 };
 
 class UsageError : public std::runtime_error {
@@ -147,6 +201,78 @@ std::string ReadConfig(const std::string& value) {
     return text.str();
 }
 
+// `path` made absolute: the drive leaves its working directory when it
+// goes to the background. Refused when the file cannot be read.
+std::string ReadableFile(const std::string& option, const std::string& path) {
+    if (access(path.c_str(), R_OK) != 0) {
+        throw UsageError(option + ": cannot read " + path + ": " + strerror(errno));
+    }
+    if (path[0] == '/') return path;
+    char cwd[PATH_MAX];
+    if (getcwd(cwd, sizeof cwd) == nullptr) throw UsageError("cannot find the working directory");
+    return std::string(cwd) + "/" + path;
+}
+
+// A number, or a name that `lookup` finds in the user or group database.
+template <typename Lookup>
+unsigned long IdOf(const std::string& option, const std::string& text, Lookup lookup) {
+    char* end = nullptr;
+    const unsigned long number = strtoul(text.c_str(), &end, 10);
+    if (!text.empty() && *end == '\0' && text[0] != '-' && number < UINT32_MAX) return number;
+    if (const std::optional<unsigned long> found = lookup(text.c_str())) return *found;
+    throw UsageError(option + " needs a number or a known name, not '" + text + "'");
+}
+
+uid_t UserId(const std::string& option, const std::string& text) {
+    return static_cast<uid_t>(IdOf(option, text, [](const char* name) {
+        const passwd* entry = getpwnam(name);
+        return entry ? std::optional<unsigned long>(entry->pw_uid) : std::nullopt;
+    }));
+}
+
+gid_t GroupId(const std::string& option, const std::string& text) {
+    return static_cast<gid_t>(IdOf(option, text, [](const char* name) {
+        const group* entry = getgrnam(name);
+        return entry ? std::optional<unsigned long>(entry->gr_gid) : std::nullopt;
+    }));
+}
+
+mode_t Umask(const std::string& option, const std::string& text) {
+    char* end = nullptr;
+    const unsigned long mask = strtoul(text.c_str(), &end, 8);
+    if (text.empty() || *end != '\0' || text[0] == '-' || mask > 0777) {
+        throw UsageError(option + " needs an octal mask from 0 to 777, not '" + text + "'");
+    }
+    return static_cast<mode_t>(mask);
+}
+
+// Takes the ownership options of the -o form (uid=, gid=, umask=); false
+// for any other, which goes to FUSE.
+bool TakeOwnershipOption(const std::string& option, drive::Ownership* owner) {
+    const size_t equals = option.find('=');
+    const std::string name = option.substr(0, equals);
+    if (equals == std::string::npos || (name != "uid" && name != "gid" && name != "umask")) {
+        return false;
+    }
+    const std::string value = option.substr(equals + 1);
+    if (name == "uid") {
+        owner->uid = UserId("-o uid", value);
+    } else if (name == "gid") {
+        owner->gid = GroupId("-o gid", value);
+    } else {
+        owner->umask = Umask("-o umask", value);
+    }
+    return true;
+}
+
+// ~/.netrc when it exists: curl's tools read it too.
+std::string DefaultNetrc() {
+    const char* home = getenv("HOME");
+    if (home == nullptr || *home == '\0') return {};
+    const std::string path = std::string(home) + "/.netrc";
+    return access(path.c_str(), R_OK) == 0 ? path : std::string();
+}
+
 Options ParseOptions(int argc, char** argv) {
     Options options;
     std::vector<std::string> positional;
@@ -177,6 +303,28 @@ Options ParseOptions(int argc, char** argv) {
                 throw UsageError("--connections needs a number from 1 to 64, not '" + text + "'");
             }
             options.connections = static_cast<int>(count);
+        } else if (argument == "--netrc-file") {
+            options.access.netrcFile = ReadableFile(argument, value());
+        } else if (argument == "--cacert") {
+            options.access.caFile = ReadableFile(argument, value());
+        } else if (argument == "--cert") {
+            options.access.certFile = ReadableFile(argument, value());
+        } else if (argument == "--key") {
+            options.access.keyFile = ReadableFile(argument, value());
+        } else if (argument == "--uid") {
+            options.owner.uid = UserId(argument, value());
+        } else if (argument == "--gid") {
+            options.owner.gid = GroupId(argument, value());
+        } else if (argument == "--umask") {
+            options.owner.umask = Umask(argument, value());
+        } else if (argument == "--dir-cache") {
+            const std::string text = value();
+            char* end = nullptr;
+            const double seconds = strtod(text.c_str(), &end);
+            if (text.empty() || *end != '\0' || !(seconds >= 0) || seconds > 86400) {
+                throw UsageError("--dir-cache needs seconds from 0 to 86400, not '" + text + "'");
+            }
+            options.dirCache = std::chrono::milliseconds(std::llround(seconds * 1000));
         } else if (argument == "--webdav") {
             options.webdav = true;
         } else if (argument == "--log") {
@@ -194,7 +342,7 @@ Options ParseOptions(int argc, char** argv) {
             for (std::string option; std::getline(list, option, ',');) {
                 if (option == "direct_io") {
                     options.directIo = true;
-                } else if (!option.empty()) {
+                } else if (!option.empty() && !TakeOwnershipOption(option, &options.owner)) {
                     options.fuseOptions.push_back(option);
                 }
             }
@@ -213,6 +361,15 @@ Options ParseOptions(int argc, char** argv) {
     if (options.url.find_first_of("?#") != std::string::npos) {
         throw UsageError("URL must name a directory, without query or fragment");
     }
+    if (drive::HasUserInfo(options.url)) {
+        throw UsageError(
+            "URL must not carry a user name or password, which would show in ps: put them "
+            "in a netrc file (mode 0600) and give it with --netrc-file");
+    }
+    if (!options.access.keyFile.empty() && options.access.certFile.empty()) {
+        throw UsageError("--key needs --cert");
+    }
+    if (options.access.netrcFile.empty()) options.access.netrcFile = DefaultNetrc();
     if (options.url.back() != '/') options.url += '/';
     if (options.config) {
         json_error_t error;
@@ -224,6 +381,42 @@ Options ParseOptions(int argc, char** argv) {
     }
     return options;
 }
+
+// Closes the records of the reads still running once the FUSE session has
+// ended, so that its loop, which waits for every request being served,
+// does not wait for reads whose fetches failed or stalled.
+class SessionEndWatch {
+  public:
+    SessionEndWatch(fuse_session* session, drive::OpenFiles* files)
+        : thread_([this, session, files] { Run(session, files); }) {}
+    SessionEndWatch(const SessionEndWatch&) = delete;
+    SessionEndWatch& operator=(const SessionEndWatch&) = delete;
+    ~SessionEndWatch() {
+        {
+            std::lock_guard<std::mutex> guard(lock_);
+            stopping_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+    }
+
+  private:
+    void Run(fuse_session* session, drive::OpenFiles* files) {
+        std::unique_lock<std::mutex> guard(lock_);
+        while (
+            !wake_.wait_for(guard, std::chrono::milliseconds(100), [this] { return stopping_; })) {
+            if (fuse_session_exited(session)) {
+                files->AbortReads();
+                return;
+            }
+        }
+    }
+
+    std::mutex lock_;
+    std::condition_variable wake_;
+    bool stopping_ = false;  // GUARDED_BY(lock_)
+    std::thread thread_;
+};
 
 // Prints the statistics whenever SIGUSR1 arrives, until stopped.
 class StatsPrinter {
@@ -254,33 +447,92 @@ class StatsPrinter {
     std::thread thread_;
 };
 
-// Caps the read-ahead of a cache with a small limit, then applies the
-// user's configuration, which may set a cap of its own. Returns false, with
-// the reason logged, when the cache refuses a configuration.
+// Applies the drive's eviction settings, caps the read-ahead of a cache
+// with a small limit, then applies the user's configuration, which may
+// change either. Returns false, with the reason logged, when the cache
+// refuses a configuration.
 bool ConfigureCache(ICache* cache, const Options& options, drive::DriveLog& log) {
+    std::vector<std::string> texts = {kEvictionSettings};
     const long long readAheadMax =
         std::max(kLibraryReadAheadMin, cache->GetLimit() / kRoomMarginDivisor / kSector * kSector);
     if (readAheadMax < kLibraryReadAheadMax) {
-        const std::string cap =
-            "{\"cache\":{\"ra\":{\"max\":" + std::to_string(readAheadMax) + "}}}";
-        if (cache->SetConfiguration(cap.c_str()) != AE_OK) {
-            log.Error("The cache refused the configuration %s", cap.c_str());
+        texts.push_back("{\"cache\":{\"ra\":{\"max\":" + std::to_string(readAheadMax) + "}}}");
+    }
+    if (options.config) texts.push_back(*options.config);
+    for (const std::string& text : texts) {
+        if (cache->SetConfiguration(text.c_str()) != AE_OK) {
+            log.Error("The cache refused the configuration %s", text.c_str());
             return false;
         }
-    }
-    if (options.config && cache->SetConfiguration(options.config->c_str()) != AE_OK) {
-        log.Error("The cache refused the configuration %s", options.config->c_str());
-        return false;
     }
     return true;
 }
 
-// True when the server answers OPTIONS with a DAV header.
-bool SpeaksWebDav(drive::HttpClient& client) {
+// Why the server did not let the drive in, for the person mounting: a
+// certificate it does not trust, credentials it refused, a server it
+// cannot reach. Empty when `response` is no such refusal.
+std::string Refusal(const drive::HttpResponse& response, const Options& options) {
+    const std::string host = drive::HostOfUrl(options.url);
+    const std::string& netrc = options.access.netrcFile;
+    const bool https = options.url.rfind("https://", 0) == 0;
+    // A server that requires a client certificate ends the handshake with
+    // an alert (Apache) or answers 400 (nginx) when none comes.
+    const std::string clientCertificateHint =
+        https && options.access.certFile.empty()
+            ? "\n  (a server that requires a client certificate needs --cert FILE and --key FILE)"
+            : "";
+    if (response.code != CURLE_OK) {
+        if (drive::IsCertificateProblem(response.code)) {
+            const bool serverCertificate = response.code == CURLE_PEER_FAILED_VERIFICATION;
+            return "certificate problem with " + host + ": " + response.error +
+                   (serverCertificate && options.access.caFile.empty()
+                        ? "\n  (a server with a certificate of a private CA needs --cacert FILE)"
+                        : "");
+        }
+        if (https && response.error.find("certificate") != std::string::npos) {
+            return "certificate problem with " + host + ": " + response.error +
+                   clientCertificateHint;
+        }
+        return "cannot reach " + host + ": " + response.error;
+    }
+    switch (response.status) {
+        case 400:
+            return host + " rejected the request (HTTP 400)" + clientCertificateHint;
+        case 401:
+            if (netrc.empty()) {
+                return host +
+                       " asks for credentials (HTTP 401): give them in a netrc file with "
+                       "--netrc-file FILE";
+            }
+            return host + " refused the credentials (HTTP 401): check the entry for " +
+                   host.substr(0, host.rfind(':')) + " in " + netrc;
+        case 403:
+            return host + " refused access to " + options.url + " (HTTP 403)" +
+                   (netrc.empty() ? "" : ": check the credentials in " + netrc);
+    }
+    return {};
+}
+
+// Asks the server for OPTIONS: whether it speaks WebDAV (a DAV header),
+// and whether it lets the drive in. Returns an empty string, or why the
+// mount is refused.
+std::string CheckServer(drive::HttpClient& client, const Options& options, bool* webdav) {
     drive::HttpRequest request;
     request.method = "OPTIONS";
     const drive::HttpResponse response = client.Send(request, {});
-    return response.code == CURLE_OK && response.status / 100 == 2 && !response.dav.empty();
+    *webdav = options.webdav ||
+              (response.code == CURLE_OK && response.status / 100 == 2 && !response.dav.empty());
+    return Refusal(response, options);
+}
+
+// Warns when a netrc file can be read by others: their credentials would be
+// in the open. curl reads it all the same, and so does the drive.
+void WarnOfOpenNetrc(const std::string& path) {
+    struct stat info;
+    if (path.empty() || stat(path.c_str(), &info) != 0 || (info.st_mode & 077) == 0) return;
+    fprintf(stderr,
+            "cachedrive: warning: other users can read %s; make it private with chmod 600\n",
+            path.c_str());
 }
 
 int Serve(const Options& options) {
@@ -313,28 +565,51 @@ int Serve(const Options& options) {
         fprintf(stderr, "cachedrive: %s\n", error.c_str());
         return 1;
     }
+    for (const drive::RecoveredCopy& copy : cacheDir.leftovers()) {
+        if (copy.savedAs.empty()) {
+            log.Error("Changes to /%s were lost: the drive stopped before it uploaded them",
+                      copy.path.c_str());
+        } else {
+            log.Error(
+                "Changes to /%s are not on the server: the drive stopped before it uploaded "
+                "them; the changed file is saved as %s",
+                copy.path.c_str(), copy.savedAs.c_str());
+        }
+    }
 
     drive::Stats stats;
-    drive::HttpClient client(options.url, options.connections, drive::HttpLimits(), &stats);
-    // Listings and sizes are trusted for as long as the kernel keeps names
-    // and attributes: an open or a stat after that asks the server again,
-    // so a file replaced there is seen whole, with its new size.
-    constexpr std::chrono::seconds kMetadataTtl(1);
-    const bool webdav = options.webdav || SpeaksWebDav(client);
-    drive::RemoteTree tree(&client, &log, kMetadataTtl, std::min(options.connections, 8), webdav);
+    WarnOfOpenNetrc(options.access.netrcFile);
+    drive::HttpClient client(options.url, options.connections, drive::HttpLimits(), &stats,
+                             options.access);
+    bool webdav = false;
+    if (const std::string refusal = CheckServer(client, options, &webdav); !refusal.empty()) {
+        fprintf(stderr, "cachedrive: %s\n", refusal.c_str());
+        return 1;
+    }
+    drive::RemoteTree tree(&client, &log, options.dirCache, std::min(options.connections, 8),
+                           webdav);
     if (std::vector<drive::DirEntry> root; tree.List(drive::kRootInode, &root) != 0) {
         fprintf(stderr, "cachedrive: cannot list %s\n", options.url.c_str());
         return 1;
     }
+    // Quota changes slowly and df or a file manager may ask many times a
+    // second.
+    drive::ServerSpace space(&client, webdav, std::chrono::seconds(10));
 
     drive::FuseContext context;
     context.tree = &tree;
     context.client = &client;
+    context.space = &space;
+    context.owner = options.owner;
     context.writable = webdav;
     context.stats = &stats;
     context.log = &log;
     context.directIo = options.directIo;
-    context.attributeTtl = std::chrono::duration<double>(kMetadataTtl).count();
+    // The kernel asks the drive again after a second at most, so that the
+    // drive's own checks (an open's, the listings' age) decide.
+    context.attributeTtl = std::chrono::duration<double>(std::min<std::chrono::milliseconds>(
+                                                             options.dirCache, kKernelAttributeTtl))
+                               .count();
 
     std::vector<std::string> fuseArguments = {"cachedrive", "-o",
                                               "auto_unmount,fsname=cachedrive,subtype=cachedrive,"
@@ -385,7 +660,8 @@ int Serve(const Options& options) {
         ICache* cache = nullptr;
         if (const AERROR error = InitCache(cacheDir.filesPath().c_str(), options.limit, &cache);
             error != AE_OK) {
-            log.Error("Cannot create the cache in %s: %d", cacheDir.filesPath().c_str(), error);
+            log.Error("Cannot create the cache in %s: %s", cacheDir.filesPath().c_str(),
+                      hostkit::DescribeResult(error).c_str());
             status = 1;
         } else if (!ConfigureCache(cache, options, log)) {
             status = 1;
@@ -394,11 +670,13 @@ int Serve(const Options& options) {
             const long long limit = cache->GetLimit();
             drive::CacheRoom room(cacheDir.filesPath(), limit + limit / kRoomMarginDivisor,
                                   kRoomMaxWait, &log);
-            drive::OpenFiles files(cache, &client, &tree, &log, &stats, &room, drive::FetchPolicy(),
-                                   256);
+            drive::PendingCopies pending(cacheDir.pendingPath(), cacheDir.recoveredPath());
+            drive::OpenFiles files(cache, &client, &tree, &log, &stats, &room, &pending,
+                                   drive::FetchPolicy(), 256);
             context.files = &files;
             log.Info("Serving %s%s on %s, cache in %s", options.url.c_str(),
                      webdav ? " (WebDAV)" : "", options.mountpoint.c_str(), cachePath.c_str());
+            SessionEndWatch watch(session, &files);
             pthread_sigmask(SIG_UNBLOCK, &stopSignals, nullptr);
             fuse_loop_config loop;
             loop.clone_fd = 0;

@@ -4,12 +4,15 @@
 #include <atomic>
 #include <cerrno>
 
+#include "hostkit/result_text.h"
+
 namespace drive {
 
 namespace {
 
-// The state of an open handle record (above 3 would mean closed).
+// The state of an open handle record; above 3 means closed.
 constexpr int32_t kRecordOpen = 1;
+constexpr int32_t kRecordClosed = 4;
 
 // Bytes read from the local copy per upload step.
 constexpr long long kUploadPiece = 1 << 20;
@@ -43,19 +46,35 @@ std::shared_ptr<_FS_HANDLE> OpenRecord(Inode inode) {
 
 }  // namespace
 
+void CloseRecord(_FS_HANDLE* record) {
+    std::atomic_ref<int32_t>(record->state).store(kRecordClosed, std::memory_order_relaxed);
+}
+
 OpenFiles::OpenFiles(ICache* cache, HttpClient* client, RemoteTree* tree, DriveLog* log,
-                     Stats* stats, CacheRoom* room, FetchPolicy policy, size_t maxUnused)
+                     Stats* stats, CacheRoom* room, PendingCopies* pending, FetchPolicy policy,
+                     size_t maxUnused)
     : cache_(cache),
       client_(client),
       tree_(tree),
       log_(log),
       stats_(stats),
       room_(room),
+      pending_(pending),
       policy_(policy),
       maxUnused_(maxUnused) {}
 
 OpenFiles::~OpenFiles() {
     for (std::unique_ptr<OpenHandle>& left : opens_.TakeAll()) ReleaseTaken(std::move(left));
+    std::vector<std::shared_ptr<CachedFile>> files;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        for (const auto& [inode, file] : current_) files.push_back(file);
+    }
+    for (const std::shared_ptr<CachedFile>& file : files) {
+        std::lock_guard<std::mutex> writeGuard(file->writeLock);
+        if (!file->dirty || file->removed || file->failure.load() != 0) continue;
+        if (UploadNoLock(*file) != 0) GiveUpNoLock(*file, "the server did not take them");
+    }
     std::lock_guard<std::mutex> guard(lock_);
     for (auto& [inode, file] : current_) CloseNoLock(file);
     current_.clear();
@@ -64,15 +83,14 @@ OpenFiles::~OpenFiles() {
 
 int OpenFiles::Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged) {
     std::lock_guard<std::mutex> guard(lock_);
-    auto last = lastOpenedVersion_.find(info.inode);
-    *unchanged = last != lastOpenedVersion_.end() && last->second == info.version;
-    lastOpenedVersion_[info.inode] = info.version;
-
     std::shared_ptr<CachedFile>& slot = current_[info.inode];
-    if (slot && slot->info.version != info.version && !slot->writing.load()) {
+    if (slot && slot->version < info.version && !slot->writing.load()) {
         // A newer version: the old object goes once its last opener leaves.
         // A copy being written stays: its changes win over the server's.
-        if (slot->openers == 0) CloseNoLock(slot);
+        if (slot->openers == 0) {
+            unused_.remove(slot);
+            CloseNoLock(slot);
+        }
         slot.reset();
     }
     if (!slot) {
@@ -81,13 +99,17 @@ int OpenFiles::Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged) 
             file->object =
                 cache_->Open(file->objectName.c_str(), 'r', info.size, file->fetcher.get());
         } catch (AERROR error) {
-            log_->Error("Opening /%s in the cache failed: %d", info.path.c_str(), error);
+            log_->Error("Opening /%s in the cache failed: %s", info.path.c_str(),
+                        hostkit::DescribeResult(error).c_str());
             cache_->Close(file->objectName.c_str());
             current_.erase(info.inode);
             return EIO;
         }
         slot = std::move(file);
     }
+    const auto last = lastOpenedVersion_.find(info.inode);
+    *unchanged = last != lastOpenedVersion_.end() && last->second == slot->version;
+    lastOpenedVersion_[info.inode] = slot->version;
     unused_.remove(slot);
     ++slot->openers;
     auto handle = std::make_unique<OpenHandle>();
@@ -103,23 +125,38 @@ void OpenFiles::Release(OpenHandle* handle) {
 
 void OpenFiles::ReleaseTaken(std::unique_ptr<OpenHandle> handle) {
     const std::shared_ptr<CachedFile>& file = handle->file;
+    bool spoilt = false;
     if (file->writing.load()) {
+        std::lock_guard<std::mutex> writeGuard(file->writeLock);
         if (handle->writer) {
-            if (const int error = Upload(*file); error != 0) {
-                log_->Error("Changes to /%s stay in the cache; a flush retries (error %d)",
-                            file->info.path.c_str(), error);
+            if (const int error = UploadNoLock(*file); error != 0 && file->failure.load() == 0) {
+                log_->Error("Changes to /%s stay in the cache; a flush retries (%s)",
+                            tree_->PathOf(file->info.inode).c_str(), DescribeErrno(error).c_str());
+            }
+            --file->writers;
+        }
+        if (file->writers == 0 && file->writing.load()) {
+            spoilt = file->failure.load() != 0;
+            if (spoilt || !file->dirty || file->removed) {
+                if (pending_ != nullptr) pending_->Forget(file->objectName);
+            }
+            if (!spoilt && (!file->dirty || file->removed)) {
+                // The server holds every byte of the copy: it serves reads again.
+                file->object->SetMode('r', file->size.load(), file->fetcher.get());
+                file->writing.store(false);
             }
         }
-        std::lock_guard<std::mutex> writeGuard(file->writeLock);
-        if (handle->writer) --file->writers;
-        if (file->writers == 0 && !file->dirty && file->writing.load()) {
-            // The server holds every byte of the copy: it serves reads again.
-            file->object->SetMode('r', file->size.load(), file->fetcher.get());
-            file->writing.store(false);
-        }
     }
+    // A new file whose first content was given up never was on the server.
+    if (spoilt) tree_->DropLocal(file->info.inode);
     std::lock_guard<std::mutex> guard(lock_);
-    if (--file->openers > 0 || file->writing.load()) return;
+    if (spoilt) {
+        // Its space goes now; a later open starts from the server's file.
+        DetachNoLock(file);
+        CloseNoLock(file);
+        lastOpenedVersion_.erase(file->info.inode);
+    }
+    if (--file->openers > 0 || (file->writing.load() && !file->closed)) return;
     const auto current = current_.find(file->info.inode);
     if (current == current_.end() || current->second != file) {
         CloseNoLock(file);  // an older version nobody reads any more
@@ -129,11 +166,30 @@ void OpenFiles::ReleaseTaken(std::unique_ptr<OpenHandle> handle) {
     TrimUnusedNoLock();
 }
 
+std::shared_ptr<_FS_HANDLE> OpenFiles::BeginRead(const OpenHandle& handle) {
+    auto record = std::make_shared<_FS_HANDLE>(*handle.record);
+    std::lock_guard<std::mutex> guard(readsLock_);
+    if (readsAborted_) CloseRecord(record.get());
+    reads_.insert(record);
+    return record;
+}
+
+void OpenFiles::EndRead(const std::shared_ptr<_FS_HANDLE>& record) {
+    std::lock_guard<std::mutex> guard(readsLock_);
+    reads_.erase(record);
+}
+
+void OpenFiles::AbortReads() {
+    std::lock_guard<std::mutex> guard(readsLock_);
+    readsAborted_ = true;
+    for (const std::shared_ptr<_FS_HANDLE>& record : reads_) CloseRecord(record.get());
+}
+
 std::shared_ptr<CachedFile> OpenFiles::MakeFile(const NodeInfo& info) {
     auto file = std::make_shared<CachedFile>();
     file->info = info;
+    file->version = info.version;
     file->size.store(info.size);
-    file->path = info.path;
     file->objectName = "i" + std::to_string(info.inode) + "v" + std::to_string(info.version);
     file->fetcher =
         std::make_unique<HttpFetcher>(info, client_, tree_, log_, stats_, policy_, room_);
@@ -141,6 +197,8 @@ std::shared_ptr<CachedFile> OpenFiles::MakeFile(const NodeInfo& info) {
 }
 
 void OpenFiles::CloseNoLock(const std::shared_ptr<CachedFile>& file) {
+    if (file->closed) return;
+    file->closed = true;
     file->object->Close();
     cache_->Close(file->objectName.c_str());
 }
@@ -149,14 +207,21 @@ void OpenFiles::TrimUnusedNoLock() {
     while (unused_.size() > maxUnused_) {
         std::shared_ptr<CachedFile> oldest = unused_.front();
         unused_.pop_front();
-        CloseNoLock(oldest);
-        current_.erase(oldest->info.inode);
+        DetachNoLock(oldest);
     }
 }
 
-int OpenFiles::BeginWrite(OpenHandle* handle, bool truncate) {
+bool OpenFiles::DropUnused() {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (unused_.empty()) return false;
+    while (!unused_.empty()) DetachNoLock(unused_.front());
+    return true;
+}
+
+int OpenFiles::BeginWrite(OpenHandle* handle, bool truncate, bool exclusive) {
     CachedFile& file = *handle->file;
     std::lock_guard<std::mutex> guard(file.writeLock);
+    if (const int failure = file.failure.load(); failure != 0) return failure;
     if (!file.writing.load()) {
         const long long size = truncate ? 0 : file.size.load();
         file.object->SetMode('w', size, file.fetcher.get());
@@ -166,18 +231,22 @@ int OpenFiles::BeginWrite(OpenHandle* handle, bool truncate) {
             CheckedFetch checked(file.fetcher.get());
             file.object->FillEmptySectors(&checked);
             if (checked.failed()) {
-                log_->Error("Cannot fetch /%s to change it", file.info.path.c_str());
-                return EIO;
+                const bool full = room_ != nullptr && room_->LacksSpace(size);
+                log_->Error("Cannot fetch /%s to change it%s",
+                            tree_->PathOf(file.info.inode).c_str(),
+                            full ? ": the cache directory is full" : "");
+                return full ? ENOSPC : EIO;
             }
         }
-        if (!file.dirty) file.etag = file.info.etag;
+        if (!file.dirty) file.etag = file.fetcher->Etag();
         file.size.store(size);
         file.writing.store(true);
     } else if (truncate) {
-        if (file.object->Truncate(0) != AE_OK) return EIO;
+        if (file.object->Truncate(0) != AE_OK) return FailNoLock(file, 0);
         file.size.store(0);
     }
-    if (truncate) file.dirty = true;
+    if (truncate) MarkDirtyNoLock(file);
+    if (exclusive) file.exclusive = true;
     ++file.writers;
     handle->writer = true;
     return 0;
@@ -186,40 +255,91 @@ int OpenFiles::BeginWrite(OpenHandle* handle, bool truncate) {
 long long OpenFiles::Write(OpenHandle* handle, const char* data, size_t size, long long offset) {
     CachedFile& file = *handle->file;
     std::lock_guard<std::mutex> guard(file.writeLock);
+    if (const int failure = file.failure.load(); failure != 0) return -failure;
     _WRITEDATA request{};
     request.buffer = data;
     request.offset = offset;
     request.length = static_cast<long long>(size);
     request.handle = handle->record;
     request.fileSize = file.size.load();
-    if (const AERROR result = file.object->Write(&request); result != AE_OK) {
-        log_->Error("Writing /%s bytes %lld+%zu failed: %d", file.info.path.c_str(), offset, size,
-                    result);
-        return -EIO;
+    AERROR result = file.object->Write(&request);
+    // Objects nobody uses hold cache space that a write may need.
+    if (result != AE_OK && DropUnused()) {
+        request.fileSize = file.size.load();
+        result = file.object->Write(&request);
     }
+    if (result != AE_OK) return -FailNoLock(file, static_cast<long long>(size));
     file.size.store(std::max(file.size.load(), offset + request.transferred));
-    file.dirty = true;
+    MarkWrittenNoLock(file);
     return request.transferred;
 }
 
 int OpenFiles::Truncate(OpenHandle* handle, long long size) {
     CachedFile& file = *handle->file;
     std::lock_guard<std::mutex> guard(file.writeLock);
-    if (file.object->Truncate(size) != AE_OK) return size < 0 ? EINVAL : EIO;
+    if (size < 0) return EINVAL;
+    if (const int failure = file.failure.load(); failure != 0) return failure;
+    if (file.object->Truncate(size) != AE_OK) return FailNoLock(file, size - file.size.load());
     file.size.store(size);
-    file.dirty = true;
+    MarkWrittenNoLock(file);
     return 0;
+}
+
+void OpenFiles::MarkDirtyNoLock(CachedFile& file) {
+    if (file.dirty) return;
+    file.dirty = true;
+    if (pending_ != nullptr) pending_->Record(file.objectName, tree_->PathOf(file.info.inode));
+}
+
+void OpenFiles::MarkWrittenNoLock(CachedFile& file) {
+    MarkDirtyNoLock(file);
+    file.written = true;
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    tree_->Keep(file.info.inode, -1, now);
+}
+
+int OpenFiles::FailNoLock(CachedFile& file, long long bytes) {
+    const int error = room_ != nullptr && room_->LacksSpace(bytes) ? ENOSPC : EIO;
+    file.failure.store(error);
+    log_->Error(
+        "Changes to /%s are given up: %s; the server keeps its file as it was",
+        tree_->PathOf(file.info.inode).c_str(),
+        error == ENOSPC ? "the cache directory is full" : "the local copy cannot be written");
+    return error;
 }
 
 int OpenFiles::Upload(CachedFile& file) {
     std::lock_guard<std::mutex> guard(file.writeLock);
-    if (!file.dirty || file.path.empty()) return 0;
+    return UploadNoLock(file);
+}
+
+int OpenFiles::Flush(CachedFile& file) {
+    std::lock_guard<std::mutex> guard(file.writeLock);
+    if (file.dirty && !file.written && file.failure.load() == 0 &&
+        !tree_->IsLocal(file.info.inode)) {
+        return 0;
+    }
+    return UploadNoLock(file);
+}
+
+int OpenFiles::UploadNoLock(CachedFile& file) {
+    if (const int failure = file.failure.load(); failure != 0) return failure;
+    if (!file.dirty || file.removed) return 0;
+    const Inode inode = file.info.inode;
+    const std::string path = tree_->PathOf(inode);
+    if (pending_ != nullptr) pending_->Record(file.objectName, path);
     const long long size = file.size.load();
-    const std::shared_ptr<_FS_HANDLE> record = OpenRecord(file.info.inode);
+    const std::shared_ptr<_FS_HANDLE> record = OpenRecord(inode);
     long long sent = 0;
     HttpRequest request;
-    request.path = file.path;
+    request.path = path;
     request.ifMatch = file.etag;
+    if (file.exclusive) request.headers.push_back("If-None-Match: *");
+    // ownCloud-style servers take the file's time from this header.
+    if (const timespec modified = tree_->Known(inode).modified; modified.tv_nsec != UTIME_OMIT) {
+        request.headers.push_back("X-OC-Mtime: " + std::to_string(modified.tv_sec));
+    }
     request.uploadSize = size;
     // Reads the complete local copy; nothing is fetched.
     request.upload = [&](char* buffer, size_t room) -> long long {
@@ -235,79 +355,95 @@ int OpenFiles::Upload(CachedFile& file) {
         sent += piece.transferred;
         return piece.transferred;
     };
+    request.rewind = [&sent] {
+        sent = 0;
+        return true;
+    };
     const HttpResponse response = client_->Send(request, {});
     if (response.code != CURLE_OK || response.status / 100 != 2) {
-        log_->Error("Uploading /%s failed: %s (HTTP %ld)", file.path.c_str(),
-                    response.code != CURLE_OK ? response.error.c_str() : "refused",
-                    response.status);
-        return response.status == 412 ? EBUSY : EIO;
+        log_->Error("Uploading /%s failed: %s", path.c_str(), DescribeFailure(response).c_str());
+        if (response.status == 412 && file.exclusive) return EEXIST;
+        return response.code != CURLE_OK ? EIO : ChangeErrno(response.status);
     }
     file.dirty = false;
+    file.written = false;
+    file.exclusive = false;
+    if (pending_ != nullptr) pending_->Forget(file.objectName);
     // The next upload of this copy replaces what was just sent.
     file.etag = response.etag.rfind("W/", 0) == 0 ? std::string() : response.etag;
-    tree_->MarkChanged(file.info.inode);
+    NodeInfo now = tree_->Uploaded(inode, size);
+    now.etag = file.etag;
+    file.fetcher->Retarget(now);
+    std::lock_guard<std::mutex> guard(lock_);
+    file.version = now.version;
     return 0;
 }
 
-std::shared_ptr<CachedFile> OpenFiles::DetachNoLock(Inode inode) {
+void OpenFiles::GiveUpNoLock(CachedFile& file, const char* reason) {
+    const std::string path = tree_->PathOf(file.info.inode);
+    const std::shared_ptr<_FS_HANDLE> record = OpenRecord(file.info.inode);
+    std::string saved;
+    if (pending_ != nullptr) {
+        saved =
+            pending_->Save(path, file.size.load(),
+                           [&](char* buffer, long long offset, long long length) -> long long {
+                               _READDATA piece{};
+                               piece.buffer = buffer;
+                               piece.offset = offset;
+                               piece.length = length;
+                               piece.handle = record;
+                               piece.fileSize = file.size.load();
+                               return file.object->Read(&piece) == AE_OK ? piece.transferred : -1;
+                           });
+        pending_->Forget(file.objectName);
+    }
+    if (saved.empty()) {
+        log_->Error("Changes to /%s are lost: %s, and no copy could be saved", path.c_str(),
+                    reason);
+    } else {
+        log_->Error("Changes to /%s are not on the server: %s; the changed file is saved as %s",
+                    path.c_str(), reason, saved.c_str());
+    }
+    file.dirty = false;
+}
+
+std::shared_ptr<CachedFile> OpenFiles::Find(Inode inode) {
+    std::lock_guard<std::mutex> guard(lock_);
     const auto found = current_.find(inode);
-    if (found == current_.end()) return nullptr;
-    std::shared_ptr<CachedFile> file = std::move(found->second);
-    current_.erase(found);
-    lastOpenedVersion_.erase(inode);
+    return found == current_.end() ? nullptr : found->second;
+}
+
+void OpenFiles::DetachNoLock(const std::shared_ptr<CachedFile>& file) {
+    if (const auto found = current_.find(file->info.inode);
+        found != current_.end() && found->second == file) {
+        current_.erase(found);
+    }
     if (file->openers == 0) {
         unused_.remove(file);
         CloseNoLock(file);
     }
-    return file;
 }
 
-int OpenFiles::UploadPending(Inode inode) {
-    std::shared_ptr<CachedFile> file;
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        const auto found = current_.find(inode);
-        if (found == current_.end()) return 0;
-        file = found->second;
-    }
-    return Upload(*file);
-}
-
-void OpenFiles::Moved(const NodeInfo& to) {
-    std::lock_guard<std::mutex> guard(lock_);
-    const auto found = current_.find(to.inode);
-    if (found == current_.end()) return;
-    std::shared_ptr<CachedFile>& slot = found->second;
-    if (slot->writing.load()) {
-        std::lock_guard<std::mutex> writeGuard(slot->writeLock);
-        slot->path = to.path;
-        return;
-    }
-    if (slot->openers > 0) return;
-    std::shared_ptr<CachedFile> file = MakeFile(to);
-    if (cache_->Rehash(slot->objectName.c_str(), file->objectName.c_str(), to.path.c_str()) !=
-        AE_OK) {
-        unused_.remove(slot);
-        CloseNoLock(slot);
-        current_.erase(found);
-        return;
-    }
-    file->object = std::move(slot->object);
-    std::replace(unused_.begin(), unused_.end(), slot, file);
-    slot = std::move(file);
-    lastOpenedVersion_[to.inode] = to.version;
-}
-
-void OpenFiles::Removed(Inode inode) {
-    std::shared_ptr<CachedFile> file;
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        file = DetachNoLock(inode);
-    }
-    if (!file) return;
+int OpenFiles::Move(Inode inode, const std::function<int()>& move) {
+    const std::shared_ptr<CachedFile> file = Find(inode);
+    if (!file) return move();
     std::lock_guard<std::mutex> writeGuard(file->writeLock);
+    if (const int error = UploadNoLock(*file); error != 0) return error;
+    return move();
+}
+
+int OpenFiles::Remove(Inode inode, const std::function<int()>& remove) {
+    const std::shared_ptr<CachedFile> file = Find(inode);
+    if (!file) return remove();
+    std::lock_guard<std::mutex> writeGuard(file->writeLock);
+    if (const int error = remove(); error != 0) return error;
     file->dirty = false;
-    file->path.clear();
+    file->removed = true;
+    if (pending_ != nullptr) pending_->Forget(file->objectName);
+    std::lock_guard<std::mutex> guard(lock_);
+    DetachNoLock(file);
+    lastOpenedVersion_.erase(inode);
+    return 0;
 }
 
 long long OpenFiles::LocalSize(Inode inode) {

@@ -1,5 +1,6 @@
 #include "drive/remote_tree.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -12,6 +13,8 @@
 namespace drive {
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 // Index pages above this size are refused rather than held in memory.
 constexpr size_t kMaxListingBytes = 64 << 20;
@@ -26,8 +29,8 @@ constexpr int kMetadataRetries = 3;
 template <typename Send>
 HttpResponse SendRetrying(Send send) {
     HttpResponse response = send();
-    for (int attempt = 0; attempt < kMetadataRetries &&
-                          (response.code != CURLE_OK || response.status >= 500);
+    for (int attempt = 0;
+         attempt < kMetadataRetries && (response.code != CURLE_OK || response.status >= 500);
          ++attempt) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100 << attempt));
         response = send();
@@ -44,6 +47,15 @@ std::string PathOfUrl(const std::string& url) {
 
 bool IsStrongEtag(const std::string& etag) {
     return !etag.empty() && etag.rfind("W/", 0) != 0;
+}
+
+// A directory forgets names found missing that are older than the
+// time-to-live when it holds this many.
+constexpr size_t kMaxAbsentNames = 256;
+
+// Servers hide these names from listings (nginx does), but answer for them.
+bool MayBeHidden(const std::string& name) {
+    return !name.empty() && name[0] == '.';
 }
 
 }  // namespace
@@ -68,10 +80,18 @@ int RemoteTree::Lookup(Inode parent, const std::string& name, NodeInfo* info) {
     Inode child = 0;
     {
         std::lock_guard<std::mutex> guard(lock_);
-        const Node& directory = nodes_.at(parent);
-        const auto found = directory.children.find(name);
-        if (found == directory.children.end()) return ENOENT;
-        child = found->second;
+        Node& directory = nodes_.at(parent);
+        if (const auto found = directory.children.find(name); found != directory.children.end()) {
+            child = found->second;
+        } else if (!MayBeHidden(name)) {
+            return ENOENT;
+        } else if (const auto absent = directory.absentAt.find(name);
+                   absent != directory.absentAt.end() && Clock::now() - absent->second < ttl_) {
+            return ENOENT;
+        }
+    }
+    if (child == 0) {
+        if (const int error = LookUpDirectly(parent, name, &child); error != 0) return error;
     }
     return StatFresh(child, ttl_, info);
 }
@@ -82,36 +102,34 @@ int RemoteTree::Stat(Inode inode, NodeInfo* info) {
 
 int RemoteTree::StatFresh(Inode inode, std::chrono::milliseconds maxAge, NodeInfo* info) {
     Inode parent = 0;
-    std::string probePath;
+    bool recheck = false;
     {
         std::lock_guard<std::mutex> guard(lock_);
-        const auto node = nodes_.find(inode);
-        if (node == nodes_.end()) return ENOENT;
-        parent = node->second.parent;
-        // A file an HTML listing named is checked alone: listing again would
-        // ask the server about every file of the directory.
-        const Node& parentNode = nodes_.at(parent);
-        if (node->second.probed && !node->second.gone && parentNode.listed &&
-            std::chrono::steady_clock::now() - parentNode.listedAt < ttl_ &&
-            std::chrono::steady_clock::now() - node->second.checkedAt >= maxAge) {
-            probePath = node->second.info.path;
-        }
-    }
-    if (!probePath.empty()) {
-        ListingEntry entry;
-        std::string etag;
-        ProbeOne(probePath, &entry, &etag);
-        std::lock_guard<std::mutex> guard(lock_);
-        Node& node = nodes_.at(inode);
-        if (entry.size < 0) {
-            nodes_.at(parent).listed = false;  // gone or failing: the listing tells
-        } else {
-            UpdateNoLock(node, entry.size, entry.mtime < 0 ? 0 : entry.mtime, etag);
+        const auto found = nodes_.find(inode);
+        if (found == nodes_.end()) return ENOENT;
+        const Node& node = found->second;
+        if (node.gone) return ENOENT;
+        // Nobody but the drive knows of a file not on the server yet.
+        if (inode == kRootInode || node.local || Clock::now() - node.checkedAt < maxAge) {
             *info = node.info;
             return 0;
         }
+        parent = node.parent;
+        // A WebDAV node, or a file an HTML listing named, is checked alone:
+        // listing again would ask the server about the whole directory.
+        const Node& directory = nodes_.at(parent);
+        recheck = webdav_ ||
+                  (node.probed && directory.listed && Clock::now() - directory.listedAt < ttl_);
     }
-    if (const int error = Refresh(parent, maxAge); error != 0) return error;
+    const int error = recheck ? Recheck(inode) : Refresh(parent, maxAge);
+    // A file of an HTML listing that HEAD cannot tell about: the listing tells.
+    if (error == EIO && recheck && !webdav_) {
+        if (const int listed = Refresh(parent, std::chrono::milliseconds(0)); listed != 0) {
+            return listed;
+        }
+    } else if (error != 0) {
+        return error;
+    }
     std::lock_guard<std::mutex> guard(lock_);
     const Node& node = nodes_.at(inode);
     if (node.gone) return ENOENT;
@@ -129,65 +147,136 @@ int RemoteTree::List(Inode inode, std::vector<DirEntry>* entries) {
     return 0;
 }
 
+std::string RemoteTree::PathOf(Inode inode) {
+    std::lock_guard<std::mutex> guard(lock_);
+    const auto found = nodes_.find(inode);
+    return found == nodes_.end() ? std::string() : found->second.info.path;
+}
+
+NodeInfo RemoteTree::Known(Inode inode) {
+    std::lock_guard<std::mutex> guard(lock_);
+    const auto found = nodes_.find(inode);
+    return found == nodes_.end() ? NodeInfo() : found->second.info;
+}
+
+NodeInfo RemoteTree::Keep(Inode inode, int mode, timespec modified) {
+    std::lock_guard<std::mutex> guard(lock_);
+    NodeInfo& info = nodes_.at(inode).info;
+    if (mode >= 0) info.mode = mode;
+    if (modified.tv_nsec != UTIME_OMIT) info.modified = modified;
+    return info;
+}
+
 void RemoteTree::MarkChanged(Inode inode) {
     std::lock_guard<std::mutex> guard(lock_);
     const auto node = nodes_.find(inode);
     if (node == nodes_.end()) return;
+    node->second.checkedAt = Clock::time_point();
     nodes_.at(node->second.parent).listed = false;
 }
 
-void RemoteTree::MarkListingStale(Inode directory) {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (const auto node = nodes_.find(directory); node != nodes_.end()) node->second.listed = false;
+RemoteTree::Node& RemoteTree::ChildNoLock(Inode parent, const std::string& name, bool isDirectory) {
+    Node& directory = nodes_.at(parent);
+    if (const auto found = directory.children.find(name); found != directory.children.end()) {
+        Node& existing = nodes_.at(found->second);
+        if (existing.info.isDirectory == isDirectory && !existing.gone) return existing;
+        GoneNoLock(found->second);
+    }
+    const Inode inode = nextInode_++;
+    Node& node = nodes_[inode];
+    node.info.inode = inode;
+    node.info.isDirectory = isDirectory;
+    node.info.path = directory.info.path + PercentEncode(name) + (isDirectory ? "/" : "");
+    node.name = name;
+    node.parent = parent;
+    directory.children[name] = inode;
+    return node;
 }
 
-void RemoteTree::KeepPinned(Inode directory, std::vector<ListingEntry>* entries,
-                            std::vector<std::string>* etags) {
-    std::set<std::string> listed;
-    for (const ListingEntry& entry : *entries) listed.insert(entry.name);
-    std::vector<std::pair<std::string, std::string>> missing;  // name, path
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        for (const auto& [name, child] : nodes_.at(directory).children) {
-            const Node& node = nodes_.at(child);
-            if (node.pinned && !node.info.isDirectory && !listed.count(name)) {
-                missing.emplace_back(name, node.info.path);
-            }
-        }
-    }
-    for (const auto& [name, path] : missing) {
-        ListingEntry entry;
-        entry.name = name;
-        std::string etag;
-        ProbeOne(path, &entry, &etag);
-        if (entry.size < 0) continue;  // gone from the server too
-        entries->push_back(std::move(entry));
-        etags->push_back(std::move(etag));
-    }
+void RemoteTree::GoneNoLock(Inode inode) {
+    Node& node = nodes_.at(inode);
+    node.gone = true;
+    node.listed = false;
+    node.removedAt.clear();
+    node.absentAt.clear();
 }
 
-int RemoteTree::Added(Inode parent, const std::string& name, NodeInfo* info) {
+int RemoteTree::Created(Inode parent, const std::string& name, int mode, NodeInfo* info) {
     std::lock_guard<std::mutex> guard(lock_);
     Node& directory = nodes_.at(parent);
-    Inode inode = 0;
-    if (const auto found = directory.children.find(name);
-        found != directory.children.end() && !nodes_.at(found->second).info.isDirectory) {
-        inode = found->second;
-    } else {
-        if (found != directory.children.end()) return EISDIR;
-        inode = nextInode_++;
-        Node& node = nodes_[inode];
-        node.info.inode = inode;
-        node.info.path = directory.info.path + PercentEncode(name);
-        node.parent = parent;
-        directory.children[name] = inode;
+    if (const auto found = directory.children.find(name); found != directory.children.end()) {
+        return nodes_.at(found->second).info.isDirectory ? EISDIR : EEXIST;
     }
-    Node& node = nodes_.at(inode);
+    Node& node = ChildNoLock(parent, name, false);
     node.pinned = true;
-    node.gone = false;
-    UpdateNoLock(node, 0, time(nullptr), std::string());
+    node.local = true;
+    node.changedAt = NextChangeNoLock();
+    node.checkedAt = Clock::now();
+    node.validator.clear();
+    node.info.size = 0;
+    node.info.mtime = time(nullptr);
+    node.info.etag.clear();
+    node.info.mode = mode;
+    clock_gettime(CLOCK_REALTIME, &node.info.modified);
+    ++node.info.version;
+    directory.removedAt.erase(name);
+    directory.absentAt.erase(name);
     *info = node.info;
     return 0;
+}
+
+bool RemoteTree::IsLocal(Inode inode) {
+    std::lock_guard<std::mutex> guard(lock_);
+    const auto found = nodes_.find(inode);
+    return found != nodes_.end() && found->second.local;
+}
+
+void RemoteTree::DropLocal(Inode inode) {
+    std::lock_guard<std::mutex> guard(lock_);
+    Node& node = nodes_.at(inode);
+    if (!node.local) return;
+    node.local = false;
+    GoneNoLock(inode);
+    Node& directory = nodes_.at(node.parent);
+    if (const auto found = directory.children.find(node.name);
+        found != directory.children.end() && found->second == inode) {
+        directory.children.erase(found);
+    }
+}
+
+int RemoteTree::MadeDirectory(Inode parent, const std::string& name, int mode, NodeInfo* info) {
+    std::lock_guard<std::mutex> guard(lock_);
+    Node& directory = nodes_.at(parent);
+    if (const auto found = directory.children.find(name);
+        found != directory.children.end() && !nodes_.at(found->second).info.isDirectory) {
+        return ENOTDIR;
+    }
+    Node& node = ChildNoLock(parent, name, true);
+    node.gone = false;
+    node.pinned = true;
+    node.changedAt = NextChangeNoLock();
+    node.checkedAt = Clock::now();
+    node.info.mtime = time(nullptr);
+    node.info.mode = mode;
+    clock_gettime(CLOCK_REALTIME, &node.info.modified);
+    // New and empty: nothing to list.
+    node.children.clear();
+    node.listed = true;
+    node.listedAt = Clock::now();
+    directory.removedAt.erase(name);
+    directory.absentAt.erase(name);
+    *info = node.info;
+    return 0;
+}
+
+void RemoteTree::Removed(Inode parent, const std::string& name) {
+    std::lock_guard<std::mutex> guard(lock_);
+    Node& directory = nodes_.at(parent);
+    if (const auto found = directory.children.find(name); found != directory.children.end()) {
+        GoneNoLock(found->second);
+        directory.children.erase(found);
+    }
+    directory.removedAt[name] = NextChangeNoLock();
 }
 
 int RemoteTree::Renamed(Inode parent, const std::string& name, Inode newParent,
@@ -198,16 +287,22 @@ int RemoteTree::Renamed(Inode parent, const std::string& name, Inode newParent,
     const auto found = from.children.find(name);
     if (found == from.children.end()) return ENOENT;
     const Inode inode = found->second;
+    const uint64_t change = NextChangeNoLock();
     from.children.erase(found);
+    from.removedAt[name] = change;
     Node& to = nodes_.at(newParent);
     if (auto old = to.children.find(newName); old != to.children.end() && old->second != inode) {
         *replaced = old->second;
-        nodes_.at(old->second).gone = true;
+        GoneNoLock(old->second);
     }
     to.children[newName] = inode;
+    to.removedAt.erase(newName);
+    to.absentAt.erase(newName);
     Node& node = nodes_.at(inode);
     node.parent = newParent;
+    node.name = newName;
     node.pinned = true;
+    node.changedAt = change;
     const std::string oldPath = node.info.path;
     const std::string newPath =
         to.info.path + PercentEncode(newName) + (node.info.isDirectory ? "/" : "");
@@ -215,11 +310,25 @@ int RemoteTree::Renamed(Inode parent, const std::string& name, Inode newParent,
         if (other.info.path.compare(0, oldPath.size(), oldPath) == 0 &&
             (number == inode || node.info.isDirectory)) {
             other.info.path = newPath + other.info.path.substr(oldPath.size());
-            ++other.info.version;
         }
     }
     *moved = node.info;
     return 0;
+}
+
+NodeInfo RemoteTree::Uploaded(Inode inode, long long size) {
+    std::lock_guard<std::mutex> guard(lock_);
+    Node& node = nodes_.at(inode);
+    node.uploaded = true;
+    node.local = false;
+    node.changedAt = NextChangeNoLock();
+    node.checkedAt = Clock::now();
+    node.validator.clear();
+    node.info.size = size;
+    node.info.mtime = time(nullptr);
+    node.info.etag.clear();
+    ++node.info.version;
+    return node.info;
 }
 
 void RemoteTree::LearnEtag(Inode inode, uint64_t version, const std::string& etag) {
@@ -232,28 +341,25 @@ void RemoteTree::LearnEtag(Inode inode, uint64_t version, const std::string& eta
 
 int RemoteTree::Refresh(Inode inode, std::chrono::milliseconds maxAge) {
     std::string path;
+    uint64_t start = 0;
     {
         std::lock_guard<std::mutex> guard(lock_);
         const auto node = nodes_.find(inode);
-        if (node == nodes_.end()) return ENOENT;
+        if (node == nodes_.end() || node->second.gone) return ENOENT;
         if (!node->second.info.isDirectory) return ENOTDIR;
-        if (node->second.listed &&
-            std::chrono::steady_clock::now() - node->second.listedAt < maxAge) {
-            return 0;
-        }
+        if (node->second.listed && Clock::now() - node->second.listedAt < maxAge) return 0;
         path = node->second.info.path;
+        start = changeCount_;
     }
     std::vector<ListingEntry> entries;
     if (const int error = FetchListing(path, &entries); error != 0) return error;
-    std::vector<std::string> etags(entries.size());
-    for (size_t i = 0; i < entries.size(); ++i) etags[i] = entries[i].etag;
     const bool complete = std::all_of(entries.begin(), entries.end(), [](const ListingEntry& e) {
         return e.isDirectory || e.size >= 0;
     });
-    if (!complete) Probe(path, &entries, &etags);
-    KeepPinned(inode, &entries, &etags);
+    if (!complete) Probe(path, &entries);
+    KeepPinned(inode, &entries);
     std::lock_guard<std::mutex> guard(lock_);
-    MergeNoLock(inode, entries, etags, !complete);
+    MergeNoLock(inode, entries, !complete, start);
     return 0;
 }
 
@@ -271,10 +377,12 @@ int RemoteTree::FetchListing(const std::string& path, std::vector<ListingEntry>*
         SendRetrying([&] { return client_->SendForText(request, &body, kMaxListingBytes); });
     const long expected = webdav_ ? 207 : 200;
     if (response.code != CURLE_OK || response.status != expected) {
-        log_->Error("Listing /%s failed: %s (HTTP %ld)", path.c_str(),
-                    response.code != CURLE_OK ? response.error.c_str() : "bad status",
-                    response.status);
-        return response.status == 404 || response.status == 403 ? ENOENT : EIO;
+        log_->Error("Listing /%s failed: %s", path.c_str(),
+                    response.code != CURLE_OK || response.status / 100 != 2
+                        ? DescribeFailure(response).c_str()
+                        : "unexpected status");
+        if (response.status == 401 || response.status == 403) return EACCES;
+        return response.status == 404 ? ENOENT : EIO;
     }
     if (webdav_) {
         if (auto parsed = ParsePropfindListing(body, basePath_ + path)) {
@@ -296,7 +404,143 @@ int RemoteTree::FetchListing(const std::string& path, std::vector<ListingEntry>*
     return 0;
 }
 
-void RemoteTree::ProbeOne(const std::string& path, ListingEntry* entry, std::string* etag) {
+int RemoteTree::CheckOne(const std::string& directoryPath, const std::string& name,
+                         bool isDirectory, ListingEntry* entry) {
+    const std::string path = directoryPath + PercentEncode(name) + (isDirectory ? "/" : "");
+    entry->name = name;
+    if (!webdav_) {
+        // A plain web directory answers HEAD for files only.
+        const long status = ProbeOne(path, entry);
+        if (status == 404 || isDirectory) return ENOENT;
+        return entry->size >= 0 ? 0 : EIO;
+    }
+    HttpRequest request;
+    request.path = path;
+    request.method = "PROPFIND";
+    request.headers = {"Depth: 0"};
+    std::string body;
+    const HttpResponse response =
+        SendRetrying([&] { return client_->SendForText(request, &body, kMaxListingBytes); });
+    if (response.code == CURLE_OK && response.status == 404) return ENOENT;
+    if (response.code != CURLE_OK || response.status != 207) {
+        log_->Error("Checking /%s failed: %s", path.c_str(),
+                    response.code != CURLE_OK || response.status / 100 != 2
+                        ? DescribeFailure(response).c_str()
+                        : "unexpected status");
+        if (response.status == 401 || response.status == 403) return EACCES;
+        return EIO;
+    }
+    // The answer names the entry itself, a child of its directory.
+    std::optional<std::vector<ListingEntry>> parsed =
+        ParsePropfindListing(body, basePath_ + directoryPath);
+    if (!parsed || parsed->size() != 1 || (*parsed)[0].name != name) {
+        log_->Error("Checking /%s: the PROPFIND answer does not name it", path.c_str());
+        return EIO;
+    }
+    *entry = std::move((*parsed)[0]);
+    if (!entry->isDirectory && entry->size < 0) return EIO;
+    return 0;
+}
+
+int RemoteTree::Recheck(Inode inode) {
+    std::string directoryPath;
+    std::string name;
+    bool isDirectory = false;
+    uint64_t start = 0;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        const Node& node = nodes_.at(inode);
+        directoryPath = nodes_.at(node.parent).info.path;
+        name = node.name;
+        isDirectory = node.info.isDirectory;
+        start = changeCount_;
+    }
+    ListingEntry entry;
+    const int error = CheckOne(directoryPath, name, isDirectory, &entry);
+    std::lock_guard<std::mutex> guard(lock_);
+    Node& node = nodes_.at(inode);
+    // The drive changed the node meanwhile: what it knows is newer.
+    if (node.changedAt > start) return 0;
+    if (error == ENOENT || (error == 0 && entry.isDirectory != isDirectory)) {
+        GoneNoLock(inode);
+        Node& directory = nodes_.at(node.parent);
+        if (const auto found = directory.children.find(node.name);
+            found != directory.children.end() && found->second == inode) {
+            directory.children.erase(found);
+        }
+        return ENOENT;
+    }
+    if (error != 0) return error;
+    ObserveNoLock(node, entry);
+    return 0;
+}
+
+int RemoteTree::LookUpDirectly(Inode parent, const std::string& name, Inode* child) {
+    std::string directoryPath;
+    uint64_t start = 0;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        directoryPath = nodes_.at(parent).info.path;
+        start = changeCount_;
+    }
+    ListingEntry entry;
+    const int error = CheckOne(directoryPath, name, false, &entry);
+    std::lock_guard<std::mutex> guard(lock_);
+    Node& directory = nodes_.at(parent);
+    // The drive created or removed the name meanwhile: what it knows is newer.
+    if (const auto found = directory.children.find(name); found != directory.children.end()) {
+        *child = found->second;
+        return 0;
+    }
+    if (const auto removed = directory.removedAt.find(name);
+        removed != directory.removedAt.end() && removed->second > start) {
+        return ENOENT;
+    }
+    if (error == ENOENT) {
+        // Names found missing pile up (rsync's temporary names are new each
+        // time) until the directory is listed again, or here.
+        if (directory.absentAt.size() >= kMaxAbsentNames) {
+            std::erase_if(directory.absentAt, [this](const auto& absent) {
+                return Clock::now() - absent.second >= ttl_;
+            });
+        }
+        directory.absentAt[name] = Clock::now();
+    }
+    if (error != 0) return error;
+    Node& node = ChildNoLock(parent, name, entry.isDirectory);
+    node.pinned = true;
+    ObserveNoLock(node, entry);
+    *child = node.info.inode;
+    return 0;
+}
+
+void RemoteTree::KeepPinned(Inode directory, std::vector<ListingEntry>* entries) {
+    std::set<std::string> listed;
+    for (const ListingEntry& entry : *entries) listed.insert(entry.name);
+    std::vector<std::pair<std::string, bool>> missing;  // name, is a directory
+    std::string directoryPath;
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        const Node& node = nodes_.at(directory);
+        directoryPath = node.info.path;
+        for (const auto& [name, child] : node.children) {
+            const Node& known = nodes_.at(child);
+            if (known.pinned && !known.local && !listed.count(name)) {
+                missing.emplace_back(name, known.info.isDirectory);
+            }
+        }
+    }
+    std::vector<ListingEntry> found(missing.size());
+    std::vector<int> errors(missing.size());
+    InParallel(missing.size(), [&](size_t i) {
+        errors[i] = CheckOne(directoryPath, missing[i].first, missing[i].second, &found[i]);
+    });
+    for (size_t i = 0; i < missing.size(); ++i) {
+        if (errors[i] == 0) entries->push_back(std::move(found[i]));
+    }
+}
+
+long RemoteTree::ProbeOne(const std::string& path, ListingEntry* entry) {
     HttpRequest request;
     request.path = path;
     request.headOnly = true;
@@ -318,79 +562,100 @@ void RemoteTree::ProbeOne(const std::string& path, ListingEntry* entry, std::str
         }
     }
     if (entry->mtime < 0) entry->mtime = response.lastModified;
-    *etag = response.etag;
+    entry->etag = response.etag;
+    return response.status;
 }
 
-void RemoteTree::Probe(const std::string& directoryPath, std::vector<ListingEntry>* entries,
-                       std::vector<std::string>* etags) {
+void RemoteTree::Probe(const std::string& directoryPath, std::vector<ListingEntry>* entries) {
+    InParallel(entries->size(), [&](size_t i) {
+        ListingEntry& entry = (*entries)[i];
+        if (entry.isDirectory || entry.size >= 0) return;
+        ProbeOne(directoryPath + PercentEncode(entry.name), &entry);
+    });
+}
+
+void RemoteTree::InParallel(size_t count, const std::function<void(size_t)>& work) {
     std::atomic<size_t> next{0};
-    auto work = [&] {
-        for (size_t i = next++; i < entries->size(); i = next++) {
-            ListingEntry& entry = (*entries)[i];
-            if (entry.isDirectory || entry.size >= 0) continue;
-            ProbeOne(directoryPath + PercentEncode(entry.name), &entry, &(*etags)[i]);
-        }
+    auto worker = [&] {
+        for (size_t i = next++; i < count; i = next++) work(i);
     };
-    std::vector<std::thread> probes;
-    const size_t count = std::min<size_t>(parallelProbes_, entries->size());
-    for (size_t i = 1; i < count; ++i) probes.emplace_back(work);
-    work();
-    for (std::thread& probe : probes) probe.join();
+    std::vector<std::thread> threads;
+    const size_t width = std::min<size_t>(parallelProbes_, count);
+    for (size_t i = 1; i < width; ++i) threads.emplace_back(worker);
+    worker();
+    for (std::thread& thread : threads) thread.join();
 }
 
-void RemoteTree::UpdateNoLock(Node& node, long long size, long long mtime,
-                              const std::string& etag) {
-    const std::string& strong = IsStrongEtag(etag) ? etag : std::string();
+void RemoteTree::ObserveNoLock(Node& node, const ListingEntry& entry) {
+    const long long size = entry.isDirectory ? 0 : entry.size;
+    const long long mtime = entry.mtime < 0 ? 0 : entry.mtime;
+    const bool strong = IsStrongEtag(entry.etag);
+    // Apache's ETags are weak for a second after a change, then the same
+    // text without "W/": both name the same content.
+    std::string validator = entry.etag;
+    if (!strong) validator.erase(0, std::min<size_t>(2, validator.size()));
     NodeInfo& info = node.info;
-    if (info.size != size || info.mtime != mtime || (!strong.empty() && strong != info.etag)) {
-        // An ETag learned from a response stays while size and time hold.
-        if (strong.empty() && (info.size != size || info.mtime != mtime)) info.etag.clear();
+    node.checkedAt = Clock::now();
+    node.gone = false;
+    const bool adopt = node.uploaded && size == info.size;
+    node.uploaded = false;
+    if (!adopt &&
+        (size != info.size || mtime != info.mtime ||
+         (!validator.empty() && !node.validator.empty() && validator != node.validator))) {
         ++info.version;
+        info.etag.clear();  // an ETag learned from a response named the old content
     }
+    // Taken over without a new version when the drive uploaded this content:
+    // these are the server's names for it.
     info.size = size;
     info.mtime = mtime;
-    if (!strong.empty()) info.etag = strong;
-    node.checkedAt = std::chrono::steady_clock::now();
+    if (!validator.empty()) node.validator = validator;
+    if (strong) info.etag = entry.etag;
 }
 
-void RemoteTree::MergeNoLock(Inode directory, const std::vector<ListingEntry>& entries,
-                             const std::vector<std::string>& etags, bool probed) {
+void RemoteTree::MergeNoLock(Inode directory, const std::vector<ListingEntry>& entries, bool probed,
+                             uint64_t start) {
     std::map<std::string, Inode> children;
     const std::string directoryPath = nodes_.at(directory).info.path;
-    for (size_t i = 0; i < entries.size(); ++i) {
-        const ListingEntry& entry = entries[i];
+    for (const ListingEntry& entry : entries) {
         if (!entry.isDirectory && entry.size < 0) {
             log_->Error("Listing /%s: no size known for '%s'; left out", directoryPath.c_str(),
                         entry.name.c_str());
             continue;
         }
-        Node* node = nullptr;
-        const auto& old = nodes_.at(directory).children;
-        if (auto found = old.find(entry.name);
-            found != old.end() && nodes_.at(found->second).info.isDirectory == entry.isDirectory) {
-            node = &nodes_.at(found->second);
-        } else {
-            const Inode inode = nextInode_++;
-            node = &nodes_[inode];
-            node->info.inode = inode;
-            node->info.isDirectory = entry.isDirectory;
-            node->info.path =
-                directoryPath + PercentEncode(entry.name) + (entry.isDirectory ? "/" : "");
-            node->parent = directory;
+        Node& listed = nodes_.at(directory);
+        // Removed by the drive after the listing began: the server's answer
+        // may predate the removal.
+        if (const auto removed = listed.removedAt.find(entry.name);
+            removed != listed.removedAt.end() && removed->second > start) {
+            continue;
         }
-        node->probed = probed && !entry.isDirectory;
-        UpdateNoLock(*node, entry.isDirectory ? 0 : entry.size, entry.mtime < 0 ? 0 : entry.mtime,
-                     etags[i]);
-        node->gone = false;
-        children[entry.name] = node->info.inode;
+        if (const auto known = listed.children.find(entry.name);
+            known != listed.children.end() &&
+            (nodes_.at(known->second).changedAt > start || nodes_.at(known->second).local)) {
+            continue;  // the drive's own, or changed by it after the listing began: kept below
+        }
+        Node& node = ChildNoLock(directory, entry.name, entry.isDirectory);
+        node.probed = probed && !entry.isDirectory;
+        ObserveNoLock(node, entry);
+        children[entry.name] = node.info.inode;
     }
     Node& listed = nodes_.at(directory);
     for (const auto& [name, inode] : listed.children) {
-        if (!children.count(name) || children.at(name) != inode) nodes_.at(inode).gone = true;
+        if (children.count(name)) continue;
+        // Made or moved here by the drive after the listing began, or not
+        // on the server yet.
+        if (nodes_.at(inode).changedAt > start || nodes_.at(inode).local) {
+            children[name] = inode;
+        } else {
+            GoneNoLock(inode);
+        }
     }
+    std::erase_if(listed.removedAt,
+                  [start](const auto& removed) { return removed.second <= start; });
     listed.children = std::move(children);
     listed.listed = true;
-    listed.listedAt = std::chrono::steady_clock::now();
+    listed.listedAt = Clock::now();
 }
 
 }  // namespace drive

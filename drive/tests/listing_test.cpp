@@ -197,5 +197,38 @@ TEST(PropfindListingTest, RefusesWhatIsNoMultistatus) {
     EXPECT_TRUE(empty->empty());
 }
 
+TEST(PropfindQuotaTest, ReadsTheQuotaOfTheRoot) {
+    // The shape ownCloud-style servers give: both properties found.
+    const auto both = ParsePropfindQuota(R"(<?xml version="1.0"?>
+<d:multistatus xmlns:d="DAV:" xmlns:oc="http://owncloud.org/ns"><d:response>
+<d:href>/remote.php/dav/files/alice/</d:href><d:propstat><d:prop>
+<d:quota-available-bytes>5368709120</d:quota-available-bytes>
+<d:quota-used-bytes>1048576</d:quota-used-bytes>
+</d:prop><d:status>HTTP/1.1 200 OK</d:status></d:propstat></d:response></d:multistatus>)");
+    ASSERT_TRUE(both);
+    EXPECT_EQ(both->availableBytes, 5368709120LL);
+    EXPECT_EQ(both->usedBytes, 1048576);
+
+    // A server without quotas reports the properties as not found; one
+    // with unlimited space may give a negative or empty value.
+    const auto none = ParsePropfindQuota(R"(<D:multistatus xmlns:D="DAV:"><D:response>
+<D:href>/dav/</D:href>
+<D:propstat><D:prop><D:quota-used-bytes>77</D:quota-used-bytes></D:prop>
+<D:status>HTTP/1.1 200 OK</D:status></D:propstat>
+<D:propstat><D:prop><D:quota-available-bytes>12</D:quota-available-bytes></D:prop>
+<D:status>HTTP/1.1 404 Not Found</D:status></D:propstat></D:response></D:multistatus>)");
+    ASSERT_TRUE(none);
+    EXPECT_EQ(none->availableBytes, -1);
+    EXPECT_EQ(none->usedBytes, 77);
+    const auto unlimited = ParsePropfindQuota(
+        "<multistatus xmlns='DAV:'><response><propstat><prop>"
+        "<quota-available-bytes>-3</quota-available-bytes><quota-used-bytes/>"
+        "</prop><status>HTTP/1.1 200 OK</status></propstat></response></multistatus>");
+    ASSERT_TRUE(unlimited);
+    EXPECT_EQ(unlimited->availableBytes, -1);
+    EXPECT_EQ(unlimited->usedBytes, -1);
+    EXPECT_FALSE(ParsePropfindQuota("<D:multistatus><D:response"));
+}
+
 }  // namespace
 }  // namespace drive

@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 #include "drive/tests/scripted_server.h"
@@ -24,11 +26,28 @@ Reply Html(const std::string& body) {
     return Reply{200, {{"Content-Type", "text/html"}}, body};
 }
 
+// A multistatus answer naming `entries` (name, size; -1 for a directory)
+// under the directory `path`.
+Reply Multistatus(const std::string& path,
+                  const std::vector<std::pair<std::string, long long>>& entries) {
+    std::string body = "<?xml version=\"1.0\"?><D:multistatus xmlns:D=\"DAV:\">";
+    for (const auto& [name, size] : entries) {
+        body += "<D:response><D:href>" + path + name + (size < 0 ? "/" : "") +
+                "</D:href><D:propstat><D:prop>";
+        body += size < 0 ? "<D:resourcetype><D:collection/></D:resourcetype>"
+                         : "<D:getcontentlength>" + std::to_string(size) + "</D:getcontentlength>";
+        body +=
+            "<D:getlastmodified>Sun, 01 Jan 2017 00:00:00 GMT</D:getlastmodified>"
+            "</D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>";
+    }
+    return Reply{207, {{"Content-Type", "text/xml"}}, body + "</D:multistatus>"};
+}
+
 struct TreeRig {
-    TreeRig(ScriptedServer& server, std::chrono::milliseconds ttl)
+    TreeRig(ScriptedServer& server, std::chrono::milliseconds ttl, bool webdav = false)
         : log(stderr, -1),
           client(server.Url(), 4, HttpLimits(), &stats),
-          tree(&client, &log, ttl, 3) {}
+          tree(&client, &log, ttl, 3, webdav) {}
     Stats stats;
     DriveLog log;
     HttpClient client;
@@ -142,8 +161,107 @@ TEST(RemoteTreeTest, ReportsListingFailures) {
     ASSERT_EQ(rig.tree.Lookup(kRootInode, "d", &d), 0);
     ASSERT_EQ(rig.tree.Lookup(kRootInode, "e", &e), 0);
     std::vector<DirEntry> entries;
-    EXPECT_EQ(rig.tree.List(d.inode, &entries), ENOENT);
+    EXPECT_EQ(rig.tree.List(d.inode, &entries), EACCES);
     EXPECT_EQ(rig.tree.List(e.inode, &entries), EIO);
+}
+
+TEST(RemoteTreeTest, AListingThatBeganBeforeTheDrivesOwnChangesNeverUndoesThem) {
+    // The second listing is held until the test has made its changes: it
+    // reports the server as it was before them.
+    std::mutex lock;
+    std::condition_variable changed;
+    bool hold = false;
+    bool released = false;
+    std::atomic<long long> size{10};
+    ScriptedServer server([&](const SeenRequest& request) {
+        std::unique_lock<std::mutex> guard(lock);
+        if (hold) changed.wait(guard, [&] { return released; });
+        if (request.headers.at("depth") == "0") return Multistatus("/", {{"renamed", 2}});
+        if (released) return Multistatus("/", {{"", -1}, {"f", size.load()}, {"renamed", 2}});
+        return Multistatus("/", {{"", -1}, {"f", size.load()}, {"gone", 1}, {"moved", 2}});
+    });
+    const auto ttl = std::chrono::milliseconds(50);
+    TreeRig rig(server, ttl, true);
+    NodeInfo f;
+    NodeInfo moved;
+    ASSERT_EQ(rig.tree.Lookup(kRootInode, "f", &f), 0);
+    ASSERT_EQ(rig.tree.Lookup(kRootInode, "moved", &moved), 0);
+    EXPECT_EQ(f.size, 10);
+
+    std::this_thread::sleep_for(2 * ttl);
+    hold = true;
+    const size_t before = server.Requests().size();
+    std::vector<DirEntry> stale;
+    std::thread listing([&] { EXPECT_EQ(rig.tree.List(kRootInode, &stale), 0); });
+    while (server.Requests().size() == before) std::this_thread::yield();
+    const NodeInfo uploaded = rig.tree.Uploaded(f.inode, 20);
+    rig.tree.Removed(kRootInode, "gone");
+    NodeInfo created;
+    ASSERT_EQ(rig.tree.Created(kRootInode, "new", 0644, &created), 0);
+    Inode replaced = 0;
+    NodeInfo renamed;
+    ASSERT_EQ(rig.tree.Renamed(kRootInode, "moved", kRootInode, "renamed", &renamed, &replaced), 0);
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        released = true;
+    }
+    changed.notify_all();
+    listing.join();
+
+    std::vector<std::string> names;
+    for (const DirEntry& entry : stale) names.push_back(entry.name);
+    EXPECT_EQ(names, (std::vector<std::string>{"f", "new", "renamed"}));
+    EXPECT_EQ(stale[0].info.size, 20) << "the upload wins over the older listing";
+    EXPECT_EQ(stale[0].info.version, uploaded.version);
+    EXPECT_EQ(stale[2].info.inode, moved.inode);
+    EXPECT_EQ(stale[2].info.version, moved.version) << "a rename keeps the content's version";
+    EXPECT_EQ(rig.tree.PathOf(moved.inode), "renamed");
+
+    // A listing after the changes: the server holds what was uploaded, and
+    // its time for it is taken over without a new version; the new file is
+    // not on the server before its first upload, yet stays.
+    hold = false;
+    size = 20;
+    std::this_thread::sleep_for(2 * ttl);
+    std::vector<DirEntry> fresh;
+    ASSERT_EQ(rig.tree.List(kRootInode, &fresh), 0);
+    ASSERT_EQ(fresh.size(), 3u);
+    EXPECT_EQ(fresh[0].info.version, uploaded.version);
+    EXPECT_EQ(fresh[0].info.mtime, 1483228800);
+    EXPECT_EQ(fresh[1].name, "new");
+    EXPECT_TRUE(rig.tree.IsLocal(created.inode));
+    EXPECT_EQ(fresh[2].info.inode, moved.inode);
+    size = 30;
+    std::this_thread::sleep_for(2 * ttl);
+    ASSERT_EQ(rig.tree.List(kRootInode, &fresh), 0);
+    EXPECT_GT(fresh[0].info.version, uploaded.version) << "another writer's change counts";
+}
+
+TEST(RemoteTreeTest, LooksUpDotNamesTheListingLeavesOutDirectly) {
+    ScriptedServer server([](const SeenRequest& request) {
+        if (request.headers.count("depth") && request.headers.at("depth") == "1") {
+            return Multistatus("/", {{"", -1}, {"plain", 3}});
+        }
+        if (request.path == "/.git") return Multistatus("/", {{".git", -1}});
+        if (request.path == "/.profile") return Multistatus("/", {{".profile", 7}});
+        return Reply{404, {}, ""};
+    });
+    TreeRig rig(server, std::chrono::seconds(10), true);
+    NodeInfo info;
+    ASSERT_EQ(rig.tree.Lookup(kRootInode, ".git", &info), 0);
+    EXPECT_TRUE(info.isDirectory);
+    EXPECT_EQ(info.path, ".git/");
+    ASSERT_EQ(rig.tree.Lookup(kRootInode, ".profile", &info), 0);
+    EXPECT_EQ(info.size, 7);
+    const size_t asked = server.Requests().size();
+    EXPECT_EQ(rig.tree.Lookup(kRootInode, ".missing", &info), ENOENT);
+    EXPECT_EQ(rig.tree.Lookup(kRootInode, ".missing", &info), ENOENT);
+    EXPECT_EQ(rig.tree.Lookup(kRootInode, "missing", &info), ENOENT);
+    EXPECT_EQ(server.Requests().size(), asked + 1)
+        << "one direct lookup; its answer and the listing's are kept for the time-to-live";
+    std::vector<DirEntry> entries;
+    ASSERT_EQ(rig.tree.List(kRootInode, &entries), 0);
+    EXPECT_EQ(entries.size(), 3u) << "names found directly are listed with the others";
 }
 
 }  // namespace

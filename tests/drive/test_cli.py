@@ -33,7 +33,7 @@ class CommandLineTest(DriveTestCase):
         cls.addClassCleanup(shutil.rmtree, cls.root, True)
         write_random_file(os.path.join(cls.root, "f.bin"), 8 * MiB + 5)
         cls.nginx = Nginx(cls.root).start()
-        cls.addClassCleanup(cls.nginx.stop)
+        cls.addClassCleanup(cls.nginx.remove)
 
     def scratch(self):
         path = tempfile.mkdtemp(prefix="cli-")
@@ -62,6 +62,7 @@ class CommandLineTest(DriveTestCase):
             "bad limit": [url, mnt, "-f", "--limit", "12Q"],
             "negative limit": [url, mnt, "-f", "--limit", "-5"],
             "bad connections": [url, mnt, "-f", "--connections", "zero"],
+            "bad dir cache": [url, mnt, "-f", "--dir-cache", "-1"],
             "bad json": [url, mnt, "-f", "--config", "{not json"],
             "missing config file": [url, mnt, "-f", "--config", "@" + os.path.join(where, "nx")],
             "missing mount point": [url, os.path.join(where, "nx"), "-f"],

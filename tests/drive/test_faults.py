@@ -9,6 +9,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 import urllib.request
 
@@ -203,6 +204,31 @@ class FaultTest(DriveTestCase):
         want = sha256_file(src)
         self.assertTrue(wait_until(lambda: self._hash_or_none(drive.path("r.bin")) == want, 30, 1),
                         "a new open does not see the replaced content")
+
+    def test_unmount_does_not_wait_for_reads_whose_fetch_failed(self):
+        # A read-ahead that stalls and fails leaves its sectors reserved, and
+        # a read waiting for them would hold the unmount for the library's
+        # read time-out (60 s by default).
+        write_random_file(os.path.join(self.root, "long.bin"), 48 * MiB)
+        server = self.serve()
+        drive = self.mount(server.url)
+        with open(drive.path("long.bin"), "rb") as f:
+            f.read(3 * MiB)
+        server.set_faults(stall=600)
+        reader = subprocess.Popen(["dd", f"if={drive.path('long.bin')}", "of=/dev/null",
+                                   "bs=128K", "skip=24"], stderr=subprocess.DEVNULL)
+        self.addCleanup(stop_process, reader)
+
+        def fetch_failed():
+            with open(drive.log, errors="replace") as log:
+                return "Fetch long.bin bytes" in log.read()
+
+        self.assertTrue(wait_until(fetch_failed, EIO_WITHIN, 0.2), drive.messages())
+        start = time.monotonic()
+        self.assertEqual(drive.stop(), 0, drive.messages())
+        seconds = time.monotonic() - start
+        print(f"\nunmounted {seconds:.1f} s after the fetch failed")
+        self.assertLess(seconds, 15)
 
     def _hash_or_none(self, path):
         try:
