@@ -15,12 +15,12 @@
 #include <vector>
 
 #include "drive/handle_table.h"
-#include "drive/http_client.h"
 #include "drive/log.h"
 #include "drive/open_files.h"
 #include "drive/remote_tree.h"
 #include "drive/server_space.h"
 #include "drive/stats.h"
+#include "drive/webdav.h"
 
 namespace drive {
 
@@ -44,8 +44,8 @@ struct FuseContext {
     OpenFiles* files = nullptr;
     Stats* stats = nullptr;
     DriveLog* log = nullptr;
-    HttpClient* client = nullptr;
-    ServerSpace* space = nullptr;  // what statfs reports; null: nothing known
+    WebDavChanges* changes = nullptr;  // the changes to the server's tree
+    ServerSpace* space = nullptr;      // what statfs reports; null: nothing known
     Ownership owner;
     bool writable = false;          // the remote takes changes (WebDAV)
     bool directIo = false;          // the kernel bypasses its page cache
