@@ -77,6 +77,16 @@ fuse_entry_param EntryOf(const FuseContext& context, const NodeInfo& info) {
     return entry;
 }
 
+// Answers a request that names a node: with its entry, or with `error`.
+void ReplyEntry(fuse_req_t req, int error, const NodeInfo& info) {
+    if (error != 0) {
+        fuse_reply_err(req, error);
+        return;
+    }
+    const fuse_entry_param entry = EntryOf(Context(req), info);
+    fuse_reply_entry(req, &entry);
+}
+
 OpenHandle* HandleOf(const fuse_file_info* fi) {
     return reinterpret_cast<OpenHandle*>(static_cast<uintptr_t>(fi->fh));
 }
@@ -94,14 +104,8 @@ void Init(void*, fuse_conn_info* conn) {
 }
 
 void Lookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
-    FuseContext& context = Context(req);
     NodeInfo info;
-    if (const int error = context.tree->Lookup(parent, name, &info); error != 0) {
-        fuse_reply_err(req, error);
-        return;
-    }
-    const fuse_entry_param entry = EntryOf(context, info);
-    fuse_reply_entry(req, &entry);
+    ReplyEntry(req, Context(req).tree->Lookup(parent, name, &info), info);
 }
 
 void GetAttr(fuse_req_t req, fuse_ino_t inode, fuse_file_info*) {
@@ -404,14 +408,10 @@ void SetAttr(fuse_req_t req, fuse_ino_t inode, struct stat* wanted, int fields,
 void MkDir(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t mode) {
     FuseContext& context = Context(req);
     NodeInfo info;
-    int error = context.writable ? 0 : EROFS;
-    if (error == 0) error = context.changes->MakeDirectory(parent, name, mode & 07777, &info);
-    if (error != 0) {
-        fuse_reply_err(req, error);
-        return;
-    }
-    const fuse_entry_param entry = EntryOf(context, info);
-    fuse_reply_entry(req, &entry);
+    const int error = context.writable
+                          ? context.changes->MakeDirectory(parent, name, mode & 07777, &info)
+                          : EROFS;
+    ReplyEntry(req, error, info);
 }
 
 void Unlink(fuse_req_t req, fuse_ino_t parent, const char* name) {
