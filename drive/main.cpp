@@ -273,6 +273,55 @@ std::string DefaultNetrc() {
     return access(path.c_str(), R_OK) == 0 ? path : std::string();
 }
 
+// The value of --connections.
+int Connections(const std::string& text) {
+    char* end = nullptr;
+    const long count = strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || count < 1 || count > 64) {
+        throw UsageError("--connections needs a number from 1 to 64, not '" + text + "'");
+    }
+    return static_cast<int>(count);
+}
+
+// The value of --dir-cache.
+std::chrono::milliseconds DirCacheTime(const std::string& text) {
+    char* end = nullptr;
+    const double seconds = strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || !(seconds >= 0) || seconds > 86400) {
+        throw UsageError("--dir-cache needs seconds from 0 to 86400, not '" + text + "'");
+    }
+    return std::chrono::milliseconds(std::llround(seconds * 1000));
+}
+
+// Checks the URL and the options that depend on each other, and fills in
+// the defaults that depend on others.
+void CompleteOptions(Options* options) {
+    if (options->url.rfind("http://", 0) != 0 && options->url.rfind("https://", 0) != 0) {
+        throw UsageError("URL must start with http:// or https://: " + options->url);
+    }
+    if (options->url.find_first_of("?#") != std::string::npos) {
+        throw UsageError("URL must name a directory, without query or fragment");
+    }
+    if (drive::HasUserInfo(options->url)) {
+        throw UsageError(
+            "URL must not carry a user name or password, which would show in ps: put them "
+            "in a netrc file (mode 0600) and give it with --netrc-file");
+    }
+    if (!options->access.keyFile.empty() && options->access.certFile.empty()) {
+        throw UsageError("--key needs --cert");
+    }
+    if (options->access.netrcFile.empty()) options->access.netrcFile = DefaultNetrc();
+    if (options->url.back() != '/') options->url += '/';
+    if (options->config) {
+        json_error_t error;
+        json_t* parsed = json_loads(options->config->c_str(), 0, &error);
+        if (parsed == nullptr) {
+            throw UsageError(std::string("--config is not JSON: ") + error.text);
+        }
+        json_decref(parsed);
+    }
+}
+
 Options ParseOptions(int argc, char** argv) {
     Options options;
     std::vector<std::string> positional;
@@ -296,13 +345,7 @@ Options ParseOptions(int argc, char** argv) {
         } else if (argument == "--config") {
             options.config = ReadConfig(value());
         } else if (argument == "--connections") {
-            const std::string text = value();
-            char* end = nullptr;
-            const long count = strtol(text.c_str(), &end, 10);
-            if (text.empty() || *end != '\0' || count < 1 || count > 64) {
-                throw UsageError("--connections needs a number from 1 to 64, not '" + text + "'");
-            }
-            options.connections = static_cast<int>(count);
+            options.connections = Connections(value());
         } else if (argument == "--netrc-file") {
             options.access.netrcFile = ReadableFile(argument, value());
         } else if (argument == "--cacert") {
@@ -318,13 +361,7 @@ Options ParseOptions(int argc, char** argv) {
         } else if (argument == "--umask") {
             options.owner.umask = Umask(argument, value());
         } else if (argument == "--dir-cache") {
-            const std::string text = value();
-            char* end = nullptr;
-            const double seconds = strtod(text.c_str(), &end);
-            if (text.empty() || *end != '\0' || !(seconds >= 0) || seconds > 86400) {
-                throw UsageError("--dir-cache needs seconds from 0 to 86400, not '" + text + "'");
-            }
-            options.dirCache = std::chrono::milliseconds(std::llround(seconds * 1000));
+            options.dirCache = DirCacheTime(value());
         } else if (argument == "--webdav") {
             options.webdav = true;
         } else if (argument == "--log") {
@@ -355,30 +392,7 @@ Options ParseOptions(int argc, char** argv) {
     if (positional.size() != 2) throw UsageError("expected URL and MOUNTPOINT");
     options.url = positional[0];
     options.mountpoint = positional[1];
-    if (options.url.rfind("http://", 0) != 0 && options.url.rfind("https://", 0) != 0) {
-        throw UsageError("URL must start with http:// or https://: " + options.url);
-    }
-    if (options.url.find_first_of("?#") != std::string::npos) {
-        throw UsageError("URL must name a directory, without query or fragment");
-    }
-    if (drive::HasUserInfo(options.url)) {
-        throw UsageError(
-            "URL must not carry a user name or password, which would show in ps: put them "
-            "in a netrc file (mode 0600) and give it with --netrc-file");
-    }
-    if (!options.access.keyFile.empty() && options.access.certFile.empty()) {
-        throw UsageError("--key needs --cert");
-    }
-    if (options.access.netrcFile.empty()) options.access.netrcFile = DefaultNetrc();
-    if (options.url.back() != '/') options.url += '/';
-    if (options.config) {
-        json_error_t error;
-        json_t* parsed = json_loads(options.config->c_str(), 0, &error);
-        if (parsed == nullptr) {
-            throw UsageError(std::string("--config is not JSON: ") + error.text);
-        }
-        json_decref(parsed);
-    }
+    CompleteOptions(&options);
     return options;
 }
 
