@@ -1,7 +1,9 @@
 // The file system the kernel sees: libfuse's low-level operations mapped
-// onto the remote tree (names, attributes, listings) and the cache objects
-// (open, read, write, release). On a read-only remote every change answers
-// EROFS; on a writable one, links and special files answer ENOTSUP.
+// onto the remote tree (names, attributes, listings), the WebDAV changes
+// (create, mkdir, unlink, rmdir, rename) and the cache objects (open, read,
+// write, release). On a read-only remote every change answers EROFS; on a
+// writable one, links and special files answer ENOTSUP. The kernel's forget
+// is ignored: nodes live as long as the mount (see remote_tree.h).
 //
 // Thread-safe: libfuse's multi-threaded loop calls the operations from many
 // threads; each operation uses only thread-safe parts.
