@@ -2,6 +2,8 @@
 
 #include <charconv>
 
+#include "drive/http_values.h"
+
 namespace drive {
 
 namespace {
@@ -16,22 +18,13 @@ std::optional<long long> ParseCount(std::string_view text) {
     return value;
 }
 
-std::string_view Trim(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r' ||
-                             text.back() == '\n')) {
-        text.remove_suffix(1);
-    }
-    return text;
-}
-
 }  // namespace
 
 std::optional<ContentRange> ParseContentRange(std::string_view value) {
-    value = Trim(value);
+    value = TrimHttpSpace(value);
     constexpr std::string_view kUnit = "bytes ";
     if (value.substr(0, kUnit.size()) != kUnit) return std::nullopt;
-    value = Trim(value.substr(kUnit.size()));
+    value = TrimHttpSpace(value.substr(kUnit.size()));
     const size_t dash = value.find('-');
     const size_t slash = value.find('/');
     if (dash == std::string_view::npos || slash == std::string_view::npos || slash < dash) {

@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "drive/listing.h"
 #include "hostkit/result_text.h"
 
 namespace drive {
@@ -78,6 +77,16 @@ fuse_entry_param EntryOf(const FuseContext& context, const NodeInfo& info) {
     return entry;
 }
 
+// Answers a request that names a node: with its entry, or with `error`.
+void ReplyEntry(fuse_req_t req, int error, const NodeInfo& info) {
+    if (error != 0) {
+        fuse_reply_err(req, error);
+        return;
+    }
+    const fuse_entry_param entry = EntryOf(Context(req), info);
+    fuse_reply_entry(req, &entry);
+}
+
 OpenHandle* HandleOf(const fuse_file_info* fi) {
     return reinterpret_cast<OpenHandle*>(static_cast<uintptr_t>(fi->fh));
 }
@@ -95,14 +104,8 @@ void Init(void*, fuse_conn_info* conn) {
 }
 
 void Lookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
-    FuseContext& context = Context(req);
     NodeInfo info;
-    if (const int error = context.tree->Lookup(parent, name, &info); error != 0) {
-        fuse_reply_err(req, error);
-        return;
-    }
-    const fuse_entry_param entry = EntryOf(context, info);
-    fuse_reply_entry(req, &entry);
+    ReplyEntry(req, Context(req).tree->Lookup(parent, name, &info), info);
 }
 
 void GetAttr(fuse_req_t req, fuse_ino_t inode, fuse_file_info*) {
@@ -202,39 +205,18 @@ void Open(fuse_req_t req, fuse_ino_t inode, fuse_file_info* fi) {
     }
 }
 
-// The path on the server of child `name` of directory `parent`.
-int ChildPath(FuseContext& context, fuse_ino_t parent, const char* name, std::string* path) {
-    NodeInfo directory;
-    if (const int error = context.tree->Stat(parent, &directory); error != 0) return error;
-    if (!directory.isDirectory) return ENOTDIR;
-    *path = directory.path + PercentEncode(name);
-    return 0;
-}
-
-// Errno value of a change the server answered with `response`.
-int ChangeError(const FuseContext& context, const char* what, const std::string& path,
-                const HttpResponse& response) {
-    if (response.code == CURLE_OK && response.status / 100 == 2) return 0;
-    context.log->Error("%s /%s failed: %s", what, path.c_str(), DescribeFailure(response).c_str());
-    return response.code != CURLE_OK ? EIO : ChangeErrno(response.status);
-}
-
 // A new file exists in the drive at once and reaches the server with its
 // first upload (close or fsync): one PUT for a file written at once.
 void Create(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t mode, fuse_file_info* fi) {
     FuseContext& context = Context(req);
-    NodeInfo directory;
     NodeInfo info;
+    bool created = false;
     int error = context.writable ? 0 : EROFS;
-    if (error == 0) error = context.tree->Stat(parent, &directory);
-    if (error == 0 && !directory.isDirectory) error = ENOTDIR;
-    if (error == 0) error = context.tree->Created(parent, name, mode & 07777, &info);
-    const bool created = error == 0;
-    if (error == EEXIST && !(fi->flags & O_EXCL)) {
-        error = context.tree->Lookup(parent, name, &info);  // made meanwhile: open it
-    } else if (created) {
-        fi->flags |= O_TRUNC;
+    if (error == 0) {
+        error = context.changes->CreateFile(parent, name, mode & 07777, fi->flags & O_EXCL, &info,
+                                            &created);
     }
+    if (created) fi->flags |= O_TRUNC;
     OpenHandle* handle = nullptr;
     if (error == 0) error = OpenFile(context, info, fi, &handle);
     if (error != 0) {
@@ -423,109 +405,37 @@ void SetAttr(fuse_req_t req, fuse_ino_t inode, struct stat* wanted, int fields,
     GetAttr(req, inode, fi);
 }
 
-// Sends `method` for the child `name` of `parent` (a directory when
-// `directory`), with further `headers`. Returns 0 or an errno value.
-int ChangeChild(FuseContext& context, const char* method, fuse_ino_t parent, const char* name,
-                bool directory, std::vector<std::string> headers = {}) {
-    std::string path;
-    if (const int error = ChildPath(context, parent, name, &path); error != 0) return error;
-    if (directory) path += '/';
-    HttpRequest request;
-    request.path = path;
-    request.method = method;
-    request.headers = std::move(headers);
-    return ChangeError(context, method, path, context.client->Send(request, {}));
-}
-
 void MkDir(fuse_req_t req, fuse_ino_t parent, const char* name, mode_t mode) {
     FuseContext& context = Context(req);
     NodeInfo info;
-    int error = context.writable ? 0 : EROFS;
-    if (error == 0) error = ChangeChild(context, "MKCOL", parent, name, true);
-    if (error == 0) error = context.tree->MadeDirectory(parent, name, mode & 07777, &info);
-    if (error != 0) {
-        fuse_reply_err(req, error);
-        return;
-    }
-    const fuse_entry_param entry = EntryOf(context, info);
-    fuse_reply_entry(req, &entry);
+    const int error = context.writable
+                          ? context.changes->MakeDirectory(parent, name, mode & 07777, &info)
+                          : EROFS;
+    ReplyEntry(req, error, info);
 }
 
-// Checks that child `name` of `parent` exists and is a directory exactly
-// when `directory`, and (for a directory) that it is empty: the server's
-// DELETE and MOVE remove whole trees. Fills `info`.
-int CheckChild(FuseContext& context, fuse_ino_t parent, const char* name, bool directory,
-               NodeInfo* info) {
-    if (const int error = context.tree->Lookup(parent, name, info); error != 0) return error;
-    if (info->isDirectory != directory) return directory ? ENOTDIR : EISDIR;
-    if (!directory) return 0;
-    std::vector<DirEntry> entries;
-    if (const int error = context.tree->List(info->inode, &entries); error != 0) return error;
-    return entries.empty() ? 0 : ENOTEMPTY;
-}
-
-void Remove(fuse_req_t req, fuse_ino_t parent, const char* name, bool directory) {
-    FuseContext& context = Context(req);
-    NodeInfo info;
-    int error = context.writable ? 0 : EROFS;
-    if (error == 0) error = CheckChild(context, parent, name, directory, &info);
-    if (error == 0) {
-        error = context.files->Remove(info.inode, [&] {
-            // A file not on the server yet needs no DELETE.
-            const int removed = context.tree->IsLocal(info.inode)
-                                    ? 0
-                                    : ChangeChild(context, "DELETE", parent, name, directory);
-            if (removed == 0) context.tree->Removed(parent, name);
-            return removed;
-        });
-    }
-    fuse_reply_err(req, error);
-}
 void Unlink(fuse_req_t req, fuse_ino_t parent, const char* name) {
-    Remove(req, parent, name, false);
-}
-void RmDir(fuse_req_t req, fuse_ino_t parent, const char* name) {
-    Remove(req, parent, name, true);
+    FuseContext& context = Context(req);
+    fuse_reply_err(req, context.writable ? context.changes->Remove(parent, name, false) : EROFS);
 }
 
-// MOVE with the destination's full URL; a file's pending changes are sent
-// first, so that the server moves the current bytes.
+void RmDir(fuse_req_t req, fuse_ino_t parent, const char* name) {
+    FuseContext& context = Context(req);
+    fuse_reply_err(req, context.writable ? context.changes->Remove(parent, name, true) : EROFS);
+}
+
 void Rename(fuse_req_t req, fuse_ino_t parent, const char* name, fuse_ino_t newParent,
             const char* newName, unsigned int flags) {
     FuseContext& context = Context(req);
-    NodeInfo source;
-    NodeInfo target;
-    std::string targetPath;
     int error = context.writable ? 0 : EROFS;
     if (error == 0 && (flags & ~RENAME_NOREPLACE) != 0) error = EINVAL;
-    if (error == 0) error = context.tree->Lookup(parent, name, &source);
     if (error == 0) {
-        const int found = CheckChild(context, newParent, newName, source.isDirectory, &target);
-        if (found == 0 && (flags & RENAME_NOREPLACE)) {
-            error = EEXIST;
-        } else if (found != ENOENT) {
-            error = found;
-        }
+        error = context.changes->Move(parent, name, newParent, newName,
+                                      (flags & RENAME_NOREPLACE) == 0);
     }
-    if (error == 0) error = ChildPath(context, newParent, newName, &targetPath);
-    Inode replaced = 0;
-    if (error == 0) {
-        error = context.files->Move(source.inode, [&] {
-            const std::string slash = source.isDirectory ? "/" : "";
-            const int moved =
-                ChangeChild(context, "MOVE", parent, name, source.isDirectory,
-                            {"Destination: " + context.client->baseUrl() + targetPath + slash,
-                             std::string("Overwrite: ") + (flags & RENAME_NOREPLACE ? "F" : "T")});
-            NodeInfo now;
-            if (moved == 0)
-                context.tree->Renamed(parent, name, newParent, newName, &now, &replaced);
-            return moved;
-        });
-    }
-    // The replaced file is gone from the server with whatever it had pending.
-    if (error == 0 && replaced != 0) context.files->Remove(replaced, [] { return 0; });
     fuse_reply_err(req, error);
 }
+
 // A web server keeps files and directories only: links and special files
 // are not supported where changes are, and refused as any change where
 // they are not.

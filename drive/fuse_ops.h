@@ -1,7 +1,9 @@
 // The file system the kernel sees: libfuse's low-level operations mapped
-// onto the remote tree (names, attributes, listings) and the cache objects
-// (open, read, write, release). On a read-only remote every change answers
-// EROFS; on a writable one, links and special files answer ENOTSUP.
+// onto the remote tree (names, attributes, listings), the WebDAV changes
+// (create, mkdir, unlink, rmdir, rename) and the cache objects (open, read,
+// write, release). On a read-only remote every change answers EROFS; on a
+// writable one, links and special files answer ENOTSUP. The kernel's forget
+// is ignored: nodes live as long as the mount (see remote_tree.h).
 //
 // Thread-safe: libfuse's multi-threaded loop calls the operations from many
 // threads; each operation uses only thread-safe parts.
@@ -15,12 +17,12 @@
 #include <vector>
 
 #include "drive/handle_table.h"
-#include "drive/http_client.h"
 #include "drive/log.h"
 #include "drive/open_files.h"
 #include "drive/remote_tree.h"
 #include "drive/server_space.h"
 #include "drive/stats.h"
+#include "drive/webdav.h"
 
 namespace drive {
 
@@ -44,8 +46,8 @@ struct FuseContext {
     OpenFiles* files = nullptr;
     Stats* stats = nullptr;
     DriveLog* log = nullptr;
-    HttpClient* client = nullptr;
-    ServerSpace* space = nullptr;  // what statfs reports; null: nothing known
+    WebDavChanges* changes = nullptr;  // the changes to the server's tree
+    ServerSpace* space = nullptr;      // what statfs reports; null: nothing known
     Ownership owner;
     bool writable = false;          // the remote takes changes (WebDAV)
     bool directIo = false;          // the kernel bypasses its page cache

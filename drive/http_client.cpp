@@ -3,11 +3,12 @@
 #include <strings.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <string_view>
 #include <utility>
+
+#include "drive/http_values.h"
 
 namespace drive {
 
@@ -21,20 +22,12 @@ struct Transfer {
     bool statusKnown = false;
 };
 
-std::string_view TrimLine(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == '\r' || text.back() == '\n' || text.back() == ' ')) {
-        text.remove_suffix(1);
-    }
-    return text;
-}
-
 bool HeaderIs(std::string_view line, std::string_view name, std::string_view* value) {
     if (line.size() <= name.size() || line[name.size()] != ':' ||
         strncasecmp(line.data(), name.data(), name.size()) != 0) {
         return false;
     }
-    *value = TrimLine(line.substr(name.size() + 1));
+    *value = TrimHttpSpace(line.substr(name.size() + 1));
     return true;
 }
 
@@ -57,8 +50,7 @@ size_t OnHeader(char* data, size_t size, size_t count, void* context) {
     } else if (HeaderIs(line, "Content-Length", &value)) {
         response.contentLength = std::strtoll(std::string(value).c_str(), nullptr, 10);
     } else if (HeaderIs(line, "Last-Modified", &value)) {
-        const time_t parsed = curl_getdate(std::string(value).c_str(), nullptr);
-        response.lastModified = parsed < 0 ? -1 : parsed;
+        response.lastModified = ParseHttpDate(value);
     }
     return size * count;
 }
@@ -118,25 +110,6 @@ const char* StatusMeaning(long status) {
 
 }  // namespace
 
-int ChangeErrno(long status) {
-    switch (status) {
-        case 401:
-        case 403:
-            return EACCES;
-        case 404:
-        case 409:
-            return ENOENT;  // the name, or a directory above it, is not there
-        case 405:
-            return EEXIST;  // MKCOL of a name in use
-        case 412:
-            return EBUSY;  // the file changed since the drive learnt its ETag
-        case 507:
-            return ENOSPC;
-        default:
-            return EIO;
-    }
-}
-
 bool IsCertificateProblem(CURLcode code) {
     switch (code) {
         case CURLE_PEER_FAILED_VERIFICATION:
@@ -151,9 +124,13 @@ bool IsCertificateProblem(CURLcode code) {
     }
 }
 
+bool Succeeded(const HttpResponse& response) {
+    return response.code == CURLE_OK && response.status / 100 == 2;
+}
+
 std::string DescribeFailure(const HttpResponse& response) {
     if (response.code != CURLE_OK) return response.error;
-    if (response.status / 100 == 2) return {};
+    if (Succeeded(response)) return {};
     return "HTTP " + std::to_string(response.status) + ": " + StatusMeaning(response.status);
 }
 

@@ -78,6 +78,9 @@ struct HttpAccess {
 // or the client's own cannot be used.
 bool IsCertificateProblem(CURLcode code);
 
+// True when the server answered with a 2xx status.
+bool Succeeded(const HttpResponse& response);
+
 // What went wrong with `response`, for a log line: libcurl's message, or the
 // HTTP status with what it means ("HTTP 401: credentials refused"). Empty
 // for a 2xx answer.
@@ -89,10 +92,6 @@ std::string HostOfUrl(const std::string& url);
 
 // True when `url` carries user information ("https://user:pw@host/").
 bool HasUserInfo(const std::string& url);
-
-// The errno value of a change (PUT, MKCOL, DELETE, MOVE) that the server
-// refused with HTTP status `status`.
-int ChangeErrno(long status);
 
 class HttpClient {
   public:

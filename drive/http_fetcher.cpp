@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "drive/content_range.h"
+#include "drive/http_values.h"
 
 namespace drive {
 
@@ -56,7 +57,7 @@ void HttpFetcher::Retarget(const NodeInfo& now) {
 }
 
 bool HttpFetcher::SameVersion(const std::string& etag) {
-    if (etag.empty() || etag.rfind("W/", 0) == 0) return true;
+    if (!IsStrongEtag(etag)) return true;
     uint64_t number = 0;
     {
         std::lock_guard<std::mutex> guard(lock_);

@@ -1,6 +1,5 @@
 #include "drive/listing.h"
 
-#include <curl/curl.h>
 #include <jansson.h>
 
 #include <algorithm>
@@ -8,6 +7,8 @@
 #include <cerrno>
 #include <memory>
 #include <set>
+
+#include "drive/http_values.h"
 
 namespace drive {
 
@@ -23,12 +24,6 @@ int HexValue(char c) {
 bool UsableName(const std::string& name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
            name.find('\0') == std::string::npos;
-}
-
-// Seconds since the epoch of an HTTP date; -1 when it does not parse.
-long long ParseHttpDate(const char* text) {
-    const time_t parsed = curl_getdate(text, nullptr);
-    return parsed < 0 ? -1 : static_cast<long long>(parsed);
 }
 
 // Appends the UTF-8 encoding of `code` to `out`.
@@ -203,7 +198,7 @@ class MultistatusReader {
             const long long size = std::strtoll(text.c_str(), &end, 10);
             if (!text.empty() && *end == '\0' && size >= 0) found_.size = size;
         } else if (name == "getlastmodified") {
-            found_.mtime = ParseHttpDate(text.c_str());
+            found_.mtime = ParseHttpDate(text);
         } else if (name == "getetag") {
             found_.etag = text;
         } else if (name == "status" && inPropstat_) {
@@ -259,12 +254,6 @@ std::string_view LocalName(std::string_view tag) {
     return colon == std::string_view::npos ? tag : tag.substr(colon + 1);
 }
 
-std::string_view Trim(std::string_view text) {
-    const size_t first = text.find_first_not_of(" \t\r\n");
-    if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1);
-}
-
 // Hands the elements of `xml` to `reader` as they open and close, with the
 // trimmed, decoded text each one holds (Open(name), Close(name, text));
 // names are local, without a namespace prefix. False when the text is not
@@ -290,7 +279,7 @@ bool ReadElements(std::string_view xml, Reader* reader) {
         if (comment || rest[1] == '?' || rest[1] == '!') continue;
         const std::string_view tag = rest.substr(1, close - 1);
         if (!tag.empty() && tag[0] == '/') {
-            reader->Close(LocalName(tag.substr(1)), std::string(Trim(text)));
+            reader->Close(LocalName(tag.substr(1)), std::string(TrimHttpSpace(text)));
         } else {
             reader->Open(LocalName(tag));
             if (!tag.empty() && tag.back() == '/') reader->Close(LocalName(tag), "");

@@ -1,13 +1,13 @@
 // cachedrive: mounts a directory that a web server publishes as a file
-// system (read-write over WebDAV), every read served through the cache
-// library.
+// system, writable over WebDAV and read-only on a plain web directory;
+// every read and write goes through the cache library.
 //
-// Start-up: parse the options, take the cache directory, ask the server for
-// OPTIONS and list the root once (a bad URL, refused credentials or an
-// untrusted certificate fail here, with a clear message), mount, daemonise
-// unless -f,
-// then start the threads (job queue, statistics, the library's own) and
-// serve until the file system is unmounted or SIGINT/SIGTERM/SIGHUP arrives.
+// Start-up (Mount::Run): parse the options, take the cache directory, ask
+// the server for OPTIONS and list the root once (a bad URL, refused
+// credentials or an untrusted certificate fail here, with a clear message),
+// mount, daemonise unless -f, then start the threads (job queue,
+// statistics, the library's own) and serve until the file system is
+// unmounted or SIGINT/SIGTERM/SIGHUP arrives.
 
 #include <fuse_lowlevel.h>
 #include <grp.h>
@@ -273,6 +273,55 @@ std::string DefaultNetrc() {
     return access(path.c_str(), R_OK) == 0 ? path : std::string();
 }
 
+// The value of --connections.
+int Connections(const std::string& text) {
+    char* end = nullptr;
+    const long count = strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || count < 1 || count > 64) {
+        throw UsageError("--connections needs a number from 1 to 64, not '" + text + "'");
+    }
+    return static_cast<int>(count);
+}
+
+// The value of --dir-cache.
+std::chrono::milliseconds DirCacheTime(const std::string& text) {
+    char* end = nullptr;
+    const double seconds = strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || !(seconds >= 0) || seconds > 86400) {
+        throw UsageError("--dir-cache needs seconds from 0 to 86400, not '" + text + "'");
+    }
+    return std::chrono::milliseconds(std::llround(seconds * 1000));
+}
+
+// Checks the URL and the options that depend on each other, and fills in
+// the defaults that depend on others.
+void CompleteOptions(Options* options) {
+    if (options->url.rfind("http://", 0) != 0 && options->url.rfind("https://", 0) != 0) {
+        throw UsageError("URL must start with http:// or https://: " + options->url);
+    }
+    if (options->url.find_first_of("?#") != std::string::npos) {
+        throw UsageError("URL must name a directory, without query or fragment");
+    }
+    if (drive::HasUserInfo(options->url)) {
+        throw UsageError(
+            "URL must not carry a user name or password, which would show in ps: put them "
+            "in a netrc file (mode 0600) and give it with --netrc-file");
+    }
+    if (!options->access.keyFile.empty() && options->access.certFile.empty()) {
+        throw UsageError("--key needs --cert");
+    }
+    if (options->access.netrcFile.empty()) options->access.netrcFile = DefaultNetrc();
+    if (options->url.back() != '/') options->url += '/';
+    if (options->config) {
+        json_error_t error;
+        json_t* parsed = json_loads(options->config->c_str(), 0, &error);
+        if (parsed == nullptr) {
+            throw UsageError(std::string("--config is not JSON: ") + error.text);
+        }
+        json_decref(parsed);
+    }
+}
+
 Options ParseOptions(int argc, char** argv) {
     Options options;
     std::vector<std::string> positional;
@@ -296,13 +345,7 @@ Options ParseOptions(int argc, char** argv) {
         } else if (argument == "--config") {
             options.config = ReadConfig(value());
         } else if (argument == "--connections") {
-            const std::string text = value();
-            char* end = nullptr;
-            const long count = strtol(text.c_str(), &end, 10);
-            if (text.empty() || *end != '\0' || count < 1 || count > 64) {
-                throw UsageError("--connections needs a number from 1 to 64, not '" + text + "'");
-            }
-            options.connections = static_cast<int>(count);
+            options.connections = Connections(value());
         } else if (argument == "--netrc-file") {
             options.access.netrcFile = ReadableFile(argument, value());
         } else if (argument == "--cacert") {
@@ -318,13 +361,7 @@ Options ParseOptions(int argc, char** argv) {
         } else if (argument == "--umask") {
             options.owner.umask = Umask(argument, value());
         } else if (argument == "--dir-cache") {
-            const std::string text = value();
-            char* end = nullptr;
-            const double seconds = strtod(text.c_str(), &end);
-            if (text.empty() || *end != '\0' || !(seconds >= 0) || seconds > 86400) {
-                throw UsageError("--dir-cache needs seconds from 0 to 86400, not '" + text + "'");
-            }
-            options.dirCache = std::chrono::milliseconds(std::llround(seconds * 1000));
+            options.dirCache = DirCacheTime(value());
         } else if (argument == "--webdav") {
             options.webdav = true;
         } else if (argument == "--log") {
@@ -355,30 +392,7 @@ Options ParseOptions(int argc, char** argv) {
     if (positional.size() != 2) throw UsageError("expected URL and MOUNTPOINT");
     options.url = positional[0];
     options.mountpoint = positional[1];
-    if (options.url.rfind("http://", 0) != 0 && options.url.rfind("https://", 0) != 0) {
-        throw UsageError("URL must start with http:// or https://: " + options.url);
-    }
-    if (options.url.find_first_of("?#") != std::string::npos) {
-        throw UsageError("URL must name a directory, without query or fragment");
-    }
-    if (drive::HasUserInfo(options.url)) {
-        throw UsageError(
-            "URL must not carry a user name or password, which would show in ps: put them "
-            "in a netrc file (mode 0600) and give it with --netrc-file");
-    }
-    if (!options.access.keyFile.empty() && options.access.certFile.empty()) {
-        throw UsageError("--key needs --cert");
-    }
-    if (options.access.netrcFile.empty()) options.access.netrcFile = DefaultNetrc();
-    if (options.url.back() != '/') options.url += '/';
-    if (options.config) {
-        json_error_t error;
-        json_t* parsed = json_loads(options.config->c_str(), 0, &error);
-        if (parsed == nullptr) {
-            throw UsageError(std::string("--config is not JSON: ") + error.text);
-        }
-        json_decref(parsed);
-    }
+    CompleteOptions(&options);
     return options;
 }
 
@@ -520,8 +534,7 @@ std::string CheckServer(drive::HttpClient& client, const Options& options, bool*
     drive::HttpRequest request;
     request.method = "OPTIONS";
     const drive::HttpResponse response = client.Send(request, {});
-    *webdav = options.webdav ||
-              (response.code == CURLE_OK && response.status / 100 == 2 && !response.dav.empty());
+    *webdav = options.webdav || (drive::Succeeded(response) && !response.dav.empty());
     return Refusal(response, options);
 }
 
@@ -535,6 +548,229 @@ void WarnOfOpenNetrc(const std::string& path) {
             path.c_str());
 }
 
+// The signals that end the mount.
+sigset_t StopSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
+    return signals;
+}
+
+// One mount from start to end. Run takes the start-up steps in order; each
+// step reports its own failure, and what it sets up lives until the
+// unmount.
+class Mount {
+  public:
+    Mount(const Options& options, drive::DriveLog* log) : options_(options), log_(*log) {}
+    Mount(const Mount&) = delete;
+    Mount& operator=(const Mount&) = delete;
+
+    // Returns the exit status.
+    int Run() {
+        if (!CheckMountpoint() || !TakeCacheDir() || !ConnectToServer()) return 1;
+        FillContext();
+        if (const int status = StartSession(); status != 0) return status;
+        // Threads started from here on never take the stop signals: those
+        // must reach a FUSE worker to end the loop.
+        const sigset_t stopSignals = StopSignals();
+        pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+        const int status = ServeWithCache(stopSignals);
+        fuse_remove_signal_handlers(session_);
+        fuse_session_destroy(session_);
+        log_.Info("Unmounted %s", options_.mountpoint.c_str());
+        return status;
+    }
+
+  private:
+    bool CheckMountpoint() {
+        struct stat mountInfo;
+        if (stat(options_.mountpoint.c_str(), &mountInfo) == 0 && S_ISDIR(mountInfo.st_mode)) {
+            return true;
+        }
+        fprintf(stderr, "cachedrive: mount point %s is not a directory\n",
+                options_.mountpoint.c_str());
+        return false;
+    }
+
+    // Takes the cache directory (one drive at a time) and reports the
+    // changes an earlier drive left without uploading them.
+    bool TakeCacheDir() {
+        cachePath_ =
+            options_.cacheDir.empty() ? drive::DefaultCacheDir(options_.url) : options_.cacheDir;
+        if (cachePath_[0] != '/') {
+            char cwd[PATH_MAX];
+            if (getcwd(cwd, sizeof cwd) == nullptr) return false;
+            cachePath_ = std::string(cwd) + "/" + cachePath_;
+        }
+        if (std::string error; !cacheDir_.Take(cachePath_, &error)) {
+            fprintf(stderr, "cachedrive: %s\n", error.c_str());
+            return false;
+        }
+        for (const drive::RecoveredCopy& copy : cacheDir_.leftovers()) {
+            if (copy.savedAs.empty()) {
+                log_.Error("Changes to /%s were lost: the drive stopped before it uploaded them",
+                           copy.path.c_str());
+            } else {
+                log_.Error(
+                    "Changes to /%s are not on the server: the drive stopped before it uploaded "
+                    "them; the changed file is saved as %s",
+                    copy.path.c_str(), copy.savedAs.c_str());
+            }
+        }
+        return true;
+    }
+
+    // Asks the server whether it lets the drive in and speaks WebDAV, and
+    // lists the root once: a bad URL, refused credentials or an untrusted
+    // certificate fail here, with a clear message.
+    bool ConnectToServer() {
+        WarnOfOpenNetrc(options_.access.netrcFile);
+        client_.emplace(options_.url, options_.connections, drive::HttpLimits(), &stats_,
+                        options_.access);
+        if (const std::string refusal = CheckServer(*client_, options_, &webdav_);
+            !refusal.empty()) {
+            fprintf(stderr, "cachedrive: %s\n", refusal.c_str());
+            return false;
+        }
+        tree_.emplace(&*client_, &log_, options_.dirCache, std::min(options_.connections, 8),
+                      webdav_);
+        if (std::vector<drive::DirEntry> root; tree_->List(drive::kRootInode, &root) != 0) {
+            fprintf(stderr, "cachedrive: cannot list %s\n", options_.url.c_str());
+            return false;
+        }
+        // Quota changes slowly and df or a file manager may ask many times
+        // a second.
+        space_.emplace(&*client_, webdav_, std::chrono::seconds(10));
+        return true;
+    }
+
+    // What the operations reach, but the open files: those need the cache.
+    void FillContext() {
+        context_.tree = &*tree_;
+        context_.space = &*space_;
+        context_.owner = options_.owner;
+        context_.writable = webdav_;
+        context_.stats = &stats_;
+        context_.log = &log_;
+        context_.directIo = options_.directIo;
+        // The kernel asks the drive again after a second at most, so that
+        // the drive's own checks (an open's, the listings' age) decide.
+        context_.attributeTtl =
+            std::chrono::duration<double>(
+                std::min<std::chrono::milliseconds>(options_.dirCache, kKernelAttributeTtl))
+                .count();
+    }
+
+    // Creates the FUSE session, mounts it and goes to the background unless
+    // -f. Returns 0, or the exit status of the failure.
+    int StartSession() {
+        std::vector<std::string> fuseArguments = {
+            "cachedrive", "-o",
+            "auto_unmount,fsname=cachedrive,subtype=cachedrive,max_read=1048576"};
+        for (const std::string& option : options_.fuseOptions) {
+            fuseArguments.push_back("-o");
+            fuseArguments.push_back(option);
+        }
+        std::vector<char*> fuseArgv;
+        for (std::string& argument : fuseArguments) fuseArgv.push_back(argument.data());
+        fuse_args args = FUSE_ARGS_INIT(static_cast<int>(fuseArgv.size()), fuseArgv.data());
+        const fuse_lowlevel_ops& ops = drive::DriveOperations();
+        session_ = fuse_session_new(&args, &ops, sizeof ops, &context_);
+        fuse_opt_free_args(&args);
+        if (session_ == nullptr) {
+            fprintf(stderr, "cachedrive: bad FUSE options\n");
+            return 2;
+        }
+        // A shell starts background jobs with SIGINT ignored, and libfuse
+        // only takes over signals left at their default: the drive must
+        // still stop.
+        for (const int stopSignal : {SIGINT, SIGTERM, SIGHUP}) signal(stopSignal, SIG_DFL);
+        if (fuse_set_signal_handlers(session_) != 0 ||
+            fuse_session_mount(session_, options_.mountpoint.c_str()) != 0) {
+            fprintf(stderr, "cachedrive: cannot mount on %s\n", options_.mountpoint.c_str());
+            fuse_remove_signal_handlers(session_);
+            fuse_session_destroy(session_);
+            return 1;
+        }
+        fuse_daemonize(options_.foreground ? 1 : 0);
+        return 0;
+    }
+
+    // Starts the threads (statistics, job queue, the library's own) and the
+    // cache, and serves the files until the unmount. Returns the exit
+    // status.
+    int ServeWithCache(const sigset_t& stopSignals) {
+        int status = 0;
+        {
+            StatsPrinter printer(&stats_, log_.out());
+            // Fetch jobs mostly wait on the network: a few more threads than
+            // connections keep every connection busy.
+            hostkit::ThreadPoolQueue queue(options_.connections + 2);
+            Cache_BindLogger(&log_);
+            Cache_BindAsyncQ(&queue);
+            ICache* cache = nullptr;
+            status = OpenCache(&cache);
+            if (status == 0) status = ServeFiles(cache, stopSignals);
+            if (cache != nullptr) ReleaseCache(cacheDir_.filesPath().c_str());
+            Cache_UnbindAsyncQ();
+            if (options_.stats) stats_.Print(log_.out());
+        }
+        Cache_UnbindLogger();
+        return status;
+    }
+
+    // Creates the cache in the cache directory and configures it. Returns
+    // 0, or 1 with the reason logged; `*cache` is set once created.
+    int OpenCache(ICache** cache) {
+        if (const AERROR error = InitCache(cacheDir_.filesPath().c_str(), options_.limit, cache);
+            error != AE_OK) {
+            log_.Error("Cannot create the cache in %s: %s", cacheDir_.filesPath().c_str(),
+                       hostkit::DescribeResult(error).c_str());
+            return 1;
+        }
+        return ConfigureCache(*cache, options_, log_) ? 0 : 1;
+    }
+
+    // Runs the FUSE loop over the open files of `cache` until the unmount.
+    // Returns the exit status.
+    int ServeFiles(ICache* cache, const sigset_t& stopSignals) {
+        const long long limit = cache->GetLimit();
+        drive::CacheRoom room(cacheDir_.filesPath(), limit + limit / kRoomMarginDivisor,
+                              kRoomMaxWait, &log_);
+        drive::PendingCopies pending(cacheDir_.pendingPath(), cacheDir_.recoveredPath());
+        drive::OpenFiles files(cache, &*client_, &*tree_, &log_, &stats_, &room, &pending,
+                               drive::FetchPolicy(), 256);
+        drive::WebDavChanges changes(&*tree_, &files, &*client_, &log_);
+        context_.files = &files;
+        context_.changes = &changes;
+        log_.Info("Serving %s%s on %s, cache in %s", options_.url.c_str(),
+                  webdav_ ? " (WebDAV)" : "", options_.mountpoint.c_str(), cachePath_.c_str());
+        SessionEndWatch watch(session_, &files);
+        pthread_sigmask(SIG_UNBLOCK, &stopSignals, nullptr);
+        fuse_loop_config loop;
+        loop.clone_fd = 0;
+        loop.max_idle_threads = 16;
+        const int status = fuse_session_loop_mt(session_, &loop) < 0 ? 1 : 0;
+        pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+        fuse_session_unmount(session_);
+        return status;
+    }
+
+    const Options& options_;
+    drive::DriveLog& log_;
+    std::string cachePath_;
+    drive::CacheDir cacheDir_;
+    drive::Stats stats_;
+    std::optional<drive::HttpClient> client_;
+    std::optional<drive::RemoteTree> tree_;
+    std::optional<drive::ServerSpace> space_;
+    bool webdav_ = false;
+    drive::FuseContext context_;
+    fuse_session* session_ = nullptr;
+};
+
 int Serve(const Options& options) {
     FILE* logOut = stderr;
     if (!options.logFile.empty()) {
@@ -546,153 +782,7 @@ int Serve(const Options& options) {
         }
     }
     drive::DriveLog log(logOut, options.verbosity);
-
-    struct stat mountInfo;
-    if (stat(options.mountpoint.c_str(), &mountInfo) != 0 || !S_ISDIR(mountInfo.st_mode)) {
-        fprintf(stderr, "cachedrive: mount point %s is not a directory\n",
-                options.mountpoint.c_str());
-        return 1;
-    }
-    std::string cachePath =
-        options.cacheDir.empty() ? drive::DefaultCacheDir(options.url) : options.cacheDir;
-    if (cachePath[0] != '/') {
-        char cwd[PATH_MAX];
-        if (getcwd(cwd, sizeof cwd) == nullptr) return 1;
-        cachePath = std::string(cwd) + "/" + cachePath;
-    }
-    drive::CacheDir cacheDir;
-    if (std::string error; !cacheDir.Take(cachePath, &error)) {
-        fprintf(stderr, "cachedrive: %s\n", error.c_str());
-        return 1;
-    }
-    for (const drive::RecoveredCopy& copy : cacheDir.leftovers()) {
-        if (copy.savedAs.empty()) {
-            log.Error("Changes to /%s were lost: the drive stopped before it uploaded them",
-                      copy.path.c_str());
-        } else {
-            log.Error(
-                "Changes to /%s are not on the server: the drive stopped before it uploaded "
-                "them; the changed file is saved as %s",
-                copy.path.c_str(), copy.savedAs.c_str());
-        }
-    }
-
-    drive::Stats stats;
-    WarnOfOpenNetrc(options.access.netrcFile);
-    drive::HttpClient client(options.url, options.connections, drive::HttpLimits(), &stats,
-                             options.access);
-    bool webdav = false;
-    if (const std::string refusal = CheckServer(client, options, &webdav); !refusal.empty()) {
-        fprintf(stderr, "cachedrive: %s\n", refusal.c_str());
-        return 1;
-    }
-    drive::RemoteTree tree(&client, &log, options.dirCache, std::min(options.connections, 8),
-                           webdav);
-    if (std::vector<drive::DirEntry> root; tree.List(drive::kRootInode, &root) != 0) {
-        fprintf(stderr, "cachedrive: cannot list %s\n", options.url.c_str());
-        return 1;
-    }
-    // Quota changes slowly and df or a file manager may ask many times a
-    // second.
-    drive::ServerSpace space(&client, webdav, std::chrono::seconds(10));
-
-    drive::FuseContext context;
-    context.tree = &tree;
-    context.client = &client;
-    context.space = &space;
-    context.owner = options.owner;
-    context.writable = webdav;
-    context.stats = &stats;
-    context.log = &log;
-    context.directIo = options.directIo;
-    // The kernel asks the drive again after a second at most, so that the
-    // drive's own checks (an open's, the listings' age) decide.
-    context.attributeTtl = std::chrono::duration<double>(std::min<std::chrono::milliseconds>(
-                                                             options.dirCache, kKernelAttributeTtl))
-                               .count();
-
-    std::vector<std::string> fuseArguments = {"cachedrive", "-o",
-                                              "auto_unmount,fsname=cachedrive,subtype=cachedrive,"
-                                              "max_read=1048576"};
-    for (const std::string& option : options.fuseOptions) {
-        fuseArguments.push_back("-o");
-        fuseArguments.push_back(option);
-    }
-    std::vector<char*> fuseArgv;
-    for (std::string& argument : fuseArguments) fuseArgv.push_back(argument.data());
-    fuse_args args = FUSE_ARGS_INIT(static_cast<int>(fuseArgv.size()), fuseArgv.data());
-    const fuse_lowlevel_ops& ops = drive::DriveOperations();
-    fuse_session* session = fuse_session_new(&args, &ops, sizeof ops, &context);
-    fuse_opt_free_args(&args);
-    if (session == nullptr) {
-        fprintf(stderr, "cachedrive: bad FUSE options\n");
-        return 2;
-    }
-    // A shell starts background jobs with SIGINT ignored, and libfuse only
-    // takes over signals left at their default: the drive must still stop.
-    for (const int stopSignal : {SIGINT, SIGTERM, SIGHUP}) signal(stopSignal, SIG_DFL);
-    if (fuse_set_signal_handlers(session) != 0 ||
-        fuse_session_mount(session, options.mountpoint.c_str()) != 0) {
-        fprintf(stderr, "cachedrive: cannot mount on %s\n", options.mountpoint.c_str());
-        fuse_remove_signal_handlers(session);
-        fuse_session_destroy(session);
-        return 1;
-    }
-    fuse_daemonize(options.foreground ? 1 : 0);
-
-    // Threads started from here on never take the stop signals: those must
-    // reach a FUSE worker to end the loop.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigaddset(&stopSignals, SIGHUP);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-
-    int status = 0;
-    {
-        StatsPrinter printer(&stats, log.out());
-        // Fetch jobs mostly wait on the network: a few more threads than
-        // connections keep every connection busy.
-        hostkit::ThreadPoolQueue queue(options.connections + 2);
-        Cache_BindLogger(&log);
-        Cache_BindAsyncQ(&queue);
-        ICache* cache = nullptr;
-        if (const AERROR error = InitCache(cacheDir.filesPath().c_str(), options.limit, &cache);
-            error != AE_OK) {
-            log.Error("Cannot create the cache in %s: %s", cacheDir.filesPath().c_str(),
-                      hostkit::DescribeResult(error).c_str());
-            status = 1;
-        } else if (!ConfigureCache(cache, options, log)) {
-            status = 1;
-        }
-        if (status == 0) {
-            const long long limit = cache->GetLimit();
-            drive::CacheRoom room(cacheDir.filesPath(), limit + limit / kRoomMarginDivisor,
-                                  kRoomMaxWait, &log);
-            drive::PendingCopies pending(cacheDir.pendingPath(), cacheDir.recoveredPath());
-            drive::OpenFiles files(cache, &client, &tree, &log, &stats, &room, &pending,
-                                   drive::FetchPolicy(), 256);
-            context.files = &files;
-            log.Info("Serving %s%s on %s, cache in %s", options.url.c_str(),
-                     webdav ? " (WebDAV)" : "", options.mountpoint.c_str(), cachePath.c_str());
-            SessionEndWatch watch(session, &files);
-            pthread_sigmask(SIG_UNBLOCK, &stopSignals, nullptr);
-            fuse_loop_config loop;
-            loop.clone_fd = 0;
-            loop.max_idle_threads = 16;
-            status = fuse_session_loop_mt(session, &loop) < 0 ? 1 : 0;
-            pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-            fuse_session_unmount(session);
-        }
-        if (cache != nullptr) ReleaseCache(cacheDir.filesPath().c_str());
-        Cache_UnbindAsyncQ();
-        if (options.stats) stats.Print(log.out());
-    }
-    Cache_UnbindLogger();
-    fuse_remove_signal_handlers(session);
-    fuse_session_destroy(session);
-    log.Info("Unmounted %s", options.mountpoint.c_str());
+    const int status = Mount(options, &log).Run();
     if (logOut != stderr) fclose(logOut);
     return status;
 }

@@ -4,6 +4,8 @@
 #include <atomic>
 #include <cerrno>
 
+#include "drive/http_values.h"
+#include "drive/webdav.h"
 #include "hostkit/result_text.h"
 
 namespace drive {
@@ -360,17 +362,17 @@ int OpenFiles::UploadNoLock(CachedFile& file) {
         return true;
     };
     const HttpResponse response = client_->Send(request, {});
-    if (response.code != CURLE_OK || response.status / 100 != 2) {
+    if (!Succeeded(response)) {
         log_->Error("Uploading /%s failed: %s", path.c_str(), DescribeFailure(response).c_str());
         if (response.status == 412 && file.exclusive) return EEXIST;
-        return response.code != CURLE_OK ? EIO : ChangeErrno(response.status);
+        return ChangeResult(response);
     }
     file.dirty = false;
     file.written = false;
     file.exclusive = false;
     if (pending_ != nullptr) pending_->Forget(file.objectName);
     // The next upload of this copy replaces what was just sent.
-    file.etag = response.etag.rfind("W/", 0) == 0 ? std::string() : response.etag;
+    file.etag = IsStrongEtag(response.etag) ? response.etag : std::string();
     NodeInfo now = tree_->Uploaded(inode, size);
     now.etag = file.etag;
     file.fetcher->Retarget(now);

@@ -25,12 +25,9 @@
 // releases of the last opens may never arrive when the mount ends, and the
 // destructor releases what is left.
 //
-// Lock order: CachedFile::writeLock, then OpenFiles::lock_ or the tree's
-// lock (each a leaf to the other), then the library's locks. HTTP requests
-// run under writeLock (uploads, and the removals and moves that must not
-// overlap them), never under lock_.
-//
-// Thread-safe: one lock guards the table; reads run on the objects without it.
+// Thread-safe: one lock guards the table; reads run on the objects without
+// it. Uploads, removals and moves hold the file's writeLock across their
+// HTTP request; the lock order is in LOCKING.md.
 #ifndef DRIVE_OPEN_FILES_H_
 #define DRIVE_OPEN_FILES_H_
 

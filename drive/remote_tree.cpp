@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "drive/content_range.h"
+#include "drive/http_values.h"
 
 namespace drive {
 
@@ -43,10 +44,6 @@ std::string PathOfUrl(const std::string& url) {
     const size_t scheme = url.find("://");
     const size_t path = url.find('/', scheme == std::string::npos ? 0 : scheme + 3);
     return path == std::string::npos ? "/" : url.substr(path);
-}
-
-bool IsStrongEtag(const std::string& etag) {
-    return !etag.empty() && etag.rfind("W/", 0) != 0;
 }
 
 // A directory forgets names found missing that are older than the
@@ -378,9 +375,7 @@ int RemoteTree::FetchListing(const std::string& path, std::vector<ListingEntry>*
     const long expected = webdav_ ? 207 : 200;
     if (response.code != CURLE_OK || response.status != expected) {
         log_->Error("Listing /%s failed: %s", path.c_str(),
-                    response.code != CURLE_OK || response.status / 100 != 2
-                        ? DescribeFailure(response).c_str()
-                        : "unexpected status");
+                    Succeeded(response) ? "unexpected status" : DescribeFailure(response).c_str());
         if (response.status == 401 || response.status == 403) return EACCES;
         return response.status == 404 ? ENOENT : EIO;
     }
@@ -424,9 +419,7 @@ int RemoteTree::CheckOne(const std::string& directoryPath, const std::string& na
     if (response.code == CURLE_OK && response.status == 404) return ENOENT;
     if (response.code != CURLE_OK || response.status != 207) {
         log_->Error("Checking /%s failed: %s", path.c_str(),
-                    response.code != CURLE_OK || response.status / 100 != 2
-                        ? DescribeFailure(response).c_str()
-                        : "unexpected status");
+                    Succeeded(response) ? "unexpected status" : DescribeFailure(response).c_str());
         if (response.status == 401 || response.status == 403) return EACCES;
         return EIO;
     }

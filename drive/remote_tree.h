@@ -17,6 +17,17 @@
 // directory); such nodes, and those the drive made itself, are checked on
 // their own when a later listing leaves them out again.
 //
+// Nodes live as long as the mount: the drive does not answer the kernel's
+// forget, and a removed or replaced node stays, marked gone. So every name
+// the drive has seen, in a listing or a lookup, costs about 0.7 KB until
+// the unmount (measured with 200,000 names in one listing): walking a tree
+// of a million names holds about 700 MB. Dropping a node the kernel forgot
+// would lose what the server does not keep (kept modes and times, the
+// change numbers that make stale listings harmless, a file not uploaded
+// yet), while fetches and uploads of a cached file still ask for its path
+// by inode; and listings make nodes the kernel never looked up, which
+// forget would not free.
+//
 // Thread-safe: one lock guards the nodes; listings are fetched without it,
 // so two threads may list the same directory at once (the later merge wins).
 #ifndef DRIVE_REMOTE_TREE_H_
