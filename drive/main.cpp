@@ -42,6 +42,7 @@
 #include "drive/cache_room.h"
 #include "drive/fuse_ops.h"
 #include "drive/http_client.h"
+#include "drive/kernel_readahead.h"
 #include "drive/log.h"
 #include "drive/open_files.h"
 #include "drive/pending_copies.h"
@@ -648,6 +649,7 @@ int Serve(const Options& options) {
     sigaddset(&stopSignals, SIGTERM);
     sigaddset(&stopSignals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    const drive::KernelReadahead readahead(options.mountpoint, drive::kDriveReadaheadKib, &log);
 
     int status = 0;
     {
