@@ -186,9 +186,13 @@ HttpClient::~HttpClient() {
     for (const Connection& connection : idle_) curl_easy_cleanup(connection.handle);
 }
 
-HttpClient::Connection HttpClient::Acquire() {
+HttpClient::Connection HttpClient::Acquire(bool bulk) {
     std::unique_lock<std::mutex> guard(lock_);
-    freed_.wait(guard, [this] { return !idle_.empty() || created_ < connections_; });
+    if (!bulk) ++waitingFirst_;
+    freed_.wait(guard, [this, bulk] {
+        return (!idle_.empty() || created_ < connections_) && (!bulk || waitingFirst_ == 0);
+    });
+    if (!bulk) --waitingFirst_;
     if (!idle_.empty()) {
         const Connection connection = idle_.back();
         idle_.pop_back();
@@ -208,7 +212,8 @@ void HttpClient::Release(Connection connection) {
         std::lock_guard<std::mutex> guard(lock_);
         idle_.push_back(connection);
     }
-    freed_.notify_one();
+    // A bulk waiter woken first would wait on and leave the connection idle.
+    freed_.notify_all();
 }
 
 void HttpClient::ConfigureNew(CURL* handle) const {
@@ -244,7 +249,7 @@ void HttpClient::ConfigureNew(CURL* handle) const {
 }
 
 HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) {
-    Connection connection = Acquire();
+    Connection connection = Acquire(request.bulk);
     CURL* const handle = connection.handle;
     if (handle == nullptr) {
         HttpResponse failed;

@@ -13,8 +13,6 @@ namespace drive {
 namespace {
 
 constexpr long long kSector = 64 * 1024;
-// Bytes gathered before they are handed to the sink: whole sectors only.
-constexpr long long kPieceBytes = 16 * kSector;
 
 bool HandleClosed(const _FS_HANDLE& handle) {
     return std::atomic_ref<int32_t>(const_cast<int32_t&>(handle.state))
@@ -29,7 +27,7 @@ struct RangeTransfer {
     long long end;            // one past the last byte wanted
     long long received;       // the next byte the stream must bring
     long long delivered;      // bytes before it are in the sink
-    std::vector<char> piece;  // bytes in [delivered, received)
+    std::vector<char> piece;  // bytes in [delivered, received): part of a sector
     long long skip = 0;       // bytes of a whole-file body before `received`
     bool started = false;     // the body's status has been judged
     Outcome verdict = Outcome::kRetry;
@@ -90,9 +88,11 @@ AERROR HttpFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
     if (length <= 0 || offset < 0) return AE_OK;
     if (handle == nullptr) return AE_HANDLE_CLOSED;
     if (length <= policy_.splitAbove || policy_.parallelRanges < 2) {
-        return FetchRange(offset, length, size, *handle, sink);
+        return FetchRange(offset, length, size, false, *handle, sink);
     }
-    // Ranges of whole sectors, one per connection, each streaming on its own.
+    // Ranges of whole sectors, one per connection, each streaming on its
+    // own. They let small fetches (a random read's) take the next free
+    // connection before them.
     const long long parts = std::min<long long>(policy_.parallelRanges, length / kSector);
     const long long share = (length / parts + kSector - 1) / kSector * kSector;
     std::vector<AERROR> results(parts, AE_OK);
@@ -102,7 +102,7 @@ AERROR HttpFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
         const long long part = std::min(share, offset + length - first);
         if (part <= 0) break;
         workers.emplace_back([this, i, first, part, size, &handle, sink, &results] {
-            results[i] = FetchRange(first, part, size, *handle, sink);
+            results[i] = FetchRange(first, part, size, true, *handle, sink);
         });
     }
     for (std::thread& worker : workers) worker.join();
@@ -112,25 +112,32 @@ AERROR HttpFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
     return AE_OK;
 }
 
-AERROR HttpFetcher::FetchRange(long long offset, long long length, long long size,
+AERROR HttpFetcher::FetchRange(long long offset, long long length, long long size, bool bulk,
                                const _FS_HANDLE& handle, IFetchCallback* sink) {
     const std::string path = Path();
     RangeTransfer transfer{offset + length, offset, offset, {}};
-    transfer.piece.reserve(kPieceBytes);
+    transfer.piece.reserve(kSector);
 
-    // Hands the gathered bytes to the sink; false when it refused them.
-    auto deliver = [&]() {
+    // Hands `length` bytes, the next ones of the range, to the sink; false
+    // when it refused them.
+    auto deliver = [&](const char* data, long long length) {
         if (room_ != nullptr) room_->WaitForRoom([&handle] { return HandleClosed(handle); });
         long written = 0;
-        const AERROR error = sink->FetchWrite(transfer.delivered, transfer.piece.data(),
-                                              static_cast<long>(transfer.piece.size()), &written);
+        const AERROR error =
+            sink->FetchWrite(transfer.delivered, data, static_cast<long>(length), &written);
         if (error != AE_OK) {
             transfer.sinkError = error;
             transfer.verdict = Outcome::kSinkFailed;
             return false;
         }
-        if (room_ != nullptr) room_->Added(static_cast<long long>(transfer.piece.size()));
-        transfer.delivered += static_cast<long long>(transfer.piece.size());
+        if (room_ != nullptr) room_->Added(length);
+        transfer.delivered += length;
+        return true;
+    };
+    auto deliverPiece = [&]() {
+        if (!deliver(transfer.piece.data(), static_cast<long long>(transfer.piece.size()))) {
+            return false;
+        }
         transfer.piece.clear();
         return true;
     };
@@ -180,13 +187,23 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, long long siz
         }
         const long long useful = std::min<long long>(size, transfer.end - transfer.received);
         Stats::Add(stats_->bytesFetched, useful);
+        // Whole sectors go to the sink straight from curl's buffer; only a
+        // sector split between two buffers is gathered in `piece` first.
         for (long long used = 0; used < useful;) {
-            const long long room = kPieceBytes - static_cast<long long>(transfer.piece.size());
-            const long long take = std::min(room, useful - used);
+            const long long left = useful - used;
+            if (transfer.piece.empty() && left >= kSector) {
+                const long long whole = left / kSector * kSector;
+                if (!deliver(data + used, whole)) return false;
+                used += whole;
+                transfer.received += whole;
+                continue;
+            }
+            const long long gathered = static_cast<long long>(transfer.piece.size());
+            const long long take = std::min(kSector - gathered % kSector, left);
             transfer.piece.insert(transfer.piece.end(), data + used, data + used + take);
             used += take;
             transfer.received += take;
-            if (static_cast<long long>(transfer.piece.size()) == kPieceBytes && !deliver()) {
+            if (static_cast<long long>(transfer.piece.size()) % kSector == 0 && !deliverPiece()) {
                 return false;
             }
         }
@@ -206,6 +223,7 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, long long siz
         request.rangeLast = transfer.end - 1;
         request.ifMatch = Current().etag;
         request.keepGoing = [&handle] { return !HandleClosed(handle); };
+        request.bulk = bulk;
         transfer.started = false;
         transfer.skip = 0;
         transfer.verdict = Outcome::kRetry;
@@ -218,7 +236,7 @@ AERROR HttpFetcher::FetchRange(long long offset, long long length, long long siz
             transfer.verdict = Outcome::kComplete;
         }
         if (transfer.verdict == Outcome::kComplete) {
-            if (!transfer.piece.empty() && !deliver()) return transfer.sinkError;
+            if (!transfer.piece.empty() && !deliverPiece()) return transfer.sinkError;
             return AE_OK;
         }
         if (transfer.verdict == Outcome::kRetry && response.status == 412) {

@@ -32,7 +32,7 @@ struct FetchPolicy {
     int retries = 3;                              // after the first attempt
     std::chrono::milliseconds firstBackoff{100};  // doubled after each retry
     long long splitAbove = 16LL << 20;            // fetches larger than this are split
-    int parallelRanges = 4;                       // at most this many ranges at once
+    int parallelRanges = 8;                       // at most this many ranges at once
 };
 
 class HttpFetcher final : public IFetch {
@@ -70,9 +70,10 @@ class HttpFetcher final : public IFetch {
         uint64_t number = 0;
     };
 
-    // One range of a file of `size` bytes, on one connection, with retries.
-    AERROR FetchRange(long long offset, long long length, long long size, const _FS_HANDLE& handle,
-                      IFetchCallback* sink);
+    // One range of a file of `size` bytes, on one connection, with retries;
+    // `bulk` for a part of a split fetch.
+    AERROR FetchRange(long long offset, long long length, long long size, bool bulk,
+                      const _FS_HANDLE& handle, IFetchCallback* sink);
     Version Current();
     std::string Path();
     // True unless `etag` (a response's) shows another version than the one

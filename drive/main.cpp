@@ -674,7 +674,7 @@ int Serve(const Options& options) {
                                   kRoomMaxWait, &log);
             drive::PendingCopies pending(cacheDir.pendingPath(), cacheDir.recoveredPath());
             drive::OpenFiles files(cache, &client, &tree, &log, &stats, &room, &pending,
-                                   drive::FetchPolicy(), 256);
+                                   drive::FetchPolicy{.parallelRanges = options.connections}, 256);
             context.files = &files;
             log.Info("Serving %s%s on %s, cache in %s", options.url.c_str(),
                      webdav ? " (WebDAV)" : "", options.mountpoint.c_str(), cachePath.c_str());
