@@ -226,6 +226,8 @@ void HttpClient::ConfigureNew(CURL* handle) const {
     curl_easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, limits_.lowSpeedBytes);
     curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, limits_.lowSpeedSeconds);
     curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, 512L * 1024);
+    // Uploads read the local copy in 1 MiB blocks instead of curl's 64 KiB.
+    curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, 1024L * 1024);
     curl_easy_setopt(handle, CURLOPT_USERAGENT, "cachedrive/1.0");
     curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, OnHeader);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, OnBody);
