@@ -31,7 +31,7 @@ namespace drive {
 struct FetchPolicy {
     int retries = 3;                              // after the first attempt
     std::chrono::milliseconds firstBackoff{100};  // doubled after each retry
-    long long splitAbove = 16LL << 20;            // fetches larger than this are split
+    long long splitAbove = 4LL << 20;             // fetches larger than this are split
     int parallelRanges = 8;                       // at most this many ranges at once
 };
 
