@@ -1,65 +1,98 @@
 #!/usr/bin/env bash
-# Reads one 1 GiB file through cachedrive, rclone (mount --vfs-cache-mode
-# full) and httpdirfs (--cache), all mounting the same directory published by
-# a private nginx on 127.0.0.1, and prints one markdown table.
+# Measures cachedrive beside its bounds and its peers on one WebDAV share
+# published by a private nginx on 127.0.0.1, and prints one markdown table
+# and a plot (bench/results/drive_peers.png).
 #
 #   bench/drive_peers.sh [path/to/cachedrive]     (default build/default/drive/cachedrive)
 #
-# Per drive and network profile, three runs, each on a fresh mount with an
-# empty cache directory:
-#   cold  dd bs=1M of the whole file right after mounting
-#   warm  the same dd again in the same mount
-#   fio   4 KiB random reads for FIO_SECONDS on another fresh mount (IOPS,
-#         completion latency p50/p99)
-# After every run sha256sum reads the file through the mount once more and
-# must match the source; a drive that fails or serves wrong bytes gets that
-# in its row instead of figures. Every figure is the median of
-# the three runs. Profiles: plain loopback, and nginx limit_rate per
-# connection (SLOW_RATE, default 50m = 50 MB/s) as a slow link.
-# cachedrive also runs with -o direct_io (kernel page cache bypassed).
+# Profiles: plain loopback, and nginx limit_rate per connection (SLOW_RATE,
+# default 50m = 50 MB/s) as a slow link. Per profile, bound rows first:
+#   curl to a file        curl copies the 1 GiB file to the disk the caches use
+#   connections x rate    what the drive's connections may carry (slow link)
+#   page cache            dd of the local file, warm
+#   passthrough direct_io libfuse's passthrough_ll example with cache=never
+#                         (every read goes through FUSE): the FUSE ceiling
+#   curl PUT              curl uploads the 1 GiB file (loopback only)
+#   curl PUT loop         one curl uploads 1,000 files of 100 KiB over one
+#                         keep-alive connection (loopback only)
+# then the drives (cachedrive, cachedrive with -o direct_io, rclone mount
+# --vfs-cache-mode full, davfs2), each run on a fresh mount with an empty
+# cache:
+#   cold   dd bs=1M of the whole file right after mounting
+#   warm   the same dd again in the same mount
+#   write  the 1 GiB file written into the mount in 1 MiB blocks, until the
+#          server holds every byte (cachedrive uploads before close returns)
+#   close  the close() of that file alone: cachedrive's upload (a peer that
+#          uploads later returns at once, so its figure means little)
+#   small  cp of the 1,000 files into the mount, until the server holds them
+# The bytes read are checked with sha256 after every run, and what the
+# server holds after every write; a drive that fails gets the reason in its
+# row. Every figure is the median of RUNS runs, in MB/s (10^6 bytes/s).
 #
-# Environment: WORK (default /tmp/drive_peers: the 1 GiB file is kept there
-# between runs), RUNS (3), FIO_SECONDS (10), SLOW_RATE (50m), DRIVES (default
-# "cachedrive cachedrive-direct_io rclone httpdirfs").
+# Environment: WORK (default /tmp/drive_peers: sources are kept there between
+# runs), RUNS (3), SLOW_RATE (50m), CONNECTIONS (8, cachedrive's default),
+# DRIVES (default "cachedrive cachedrive-direct_io rclone davfs2"),
+# PROFILES (default "loopback slow").
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 cachedrive=$(realpath -m "${1:-build/default/drive/cachedrive}")
 work=${WORK:-/tmp/drive_peers}
 runs=${RUNS:-3}
-fio_seconds=${FIO_SECONDS:-10}
 slow_rate=${SLOW_RATE:-50m}
-drives=${DRIVES:-cachedrive cachedrive-direct_io rclone httpdirfs}
+connections=${CONNECTIONS:-8}
+drives=${DRIVES:-cachedrive cachedrive-direct_io rclone davfs2}
+profiles=${PROFILES:-loopback slow}
 size=$((1 << 30))
+small_files=1000
+results=$PWD/bench/results
+load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 
-for tool in nginx rclone httpdirfs fio fusermount3 sha256sum python3; do
+for tool in nginx rclone mount.davfs curl gcc pkg-config fusermount3 sha256sum python3 gnuplot; do
     command -v "$tool" >/dev/null || {
-        echo "missing $tool: apt-get install -y nginx rclone httpdirfs fio fuse3 python3" >&2
+        echo "missing $tool: ./scripts/dev bench-drive installs every package" >&2
         exit 1
     }
 done
 [[ "$drives" != *cachedrive* ]] || [ -x "$cachedrive" ] || { echo "no cachedrive at $cachedrive: ./scripts/dev test first" >&2; exit 1; }
 
-mkdir -p "$work/root" "$work/nginx"
-file=$work/root/bench.bin
-if [ ! -f "$file" ] || [ "$(stat -c %s "$file")" -ne $size ]; then
-    echo "Generating $file (1 GiB of random bytes)" >&2
-    head -c $size /dev/urandom >"$file"
+mkdir -p "$work"/{src/small,root/share,nginx,mnt,tmp} "$results"
+src=$work/src/bench.bin
+if [ ! -f "$src" ] || [ "$(stat -c %s "$src")" -ne $size ]; then
+    echo "Generating $src (1 GiB of random bytes)" >&2
+    head -c $size /dev/urandom >"$src"
 fi
-want=$(sha256sum "$file" | cut -d' ' -f1)
+if [ "$(find "$work/src/small" -type f | wc -l)" -ne $small_files ]; then
+    for i in $(seq $small_files); do head -c 102400 /dev/urandom >"$work/src/small/f$i.bin"; done
+fi
+want=$(sha256sum <"$src" | cut -d' ' -f1)
+small_want=$(cat "$work/src/small"/f*.bin | sha256sum | cut -d' ' -f1)
+share=$work/root/share
+cp "$src" "$share/bench.bin"
+
+passthrough=$work/passthrough_ll
+if [ ! -x "$passthrough" ]; then
+    gcc -O2 -o "$passthrough" /usr/share/doc/libfuse3-dev/examples/passthrough_ll.c \
+        $(pkg-config --cflags --libs fuse3)
+fi
 
 mnt=$work/mnt
 cache=$work/cache
 nginx_pid=
 drive_pid=
+drive_kind=
 
 mounted() { grep -q " $mnt " /proc/self/mounts; }
 
 stop_drive() {
     if mounted; then
-        [ -n "$drive_pid" ] && kill -TERM "$drive_pid" 2>/dev/null || true
-        for _ in $(seq 100); do mounted || break; sleep 0.1; done
-        if mounted; then fusermount3 -u "$mnt" 2>/dev/null || fusermount3 -uz "$mnt"; fi
+        if [ "$drive_kind" = davfs2 ]; then
+            umount "$mnt" 2>/dev/null || umount -l "$mnt"
+        else
+            [ -n "$drive_pid" ] && kill -TERM "$drive_pid" 2>/dev/null || true
+            for _ in $(seq 100); do mounted || break; sleep 0.1; done
+            if mounted; then fusermount3 -u "$mnt" 2>/dev/null || fusermount3 -uz "$mnt"; fi
+        fi
     fi
     if [ -n "$drive_pid" ]; then
         kill -TERM "$drive_pid" 2>/dev/null || true
@@ -79,18 +112,15 @@ stop_nginx() {
 cleanup() {
     stop_drive
     stop_nginx
-    rm -rf "$cache"
+    rm -rf "$cache" "$work/tmp"/*
 }
 trap cleanup EXIT
 
-free_port() {
-    python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])'
-}
-
 # start_nginx RATE: RATE is an nginx limit_rate value, or 0 for none.
 start_nginx() {
-    port=$(free_port)
+    port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
     cat >"$work/nginx/nginx.conf" <<EOF
+load_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;
 user root;
 daemon off;
 worker_processes 2;
@@ -101,22 +131,24 @@ http {
   default_type application/octet-stream;
   access_log off;
   client_body_temp_path $work/nginx/client_body;
-  proxy_temp_path $work/nginx/proxy;
-  fastcgi_temp_path $work/nginx/fastcgi;
-  uwsgi_temp_path $work/nginx/uwsgi;
-  scgi_temp_path $work/nginx/scgi;
+  client_max_body_size 0;
   keepalive_requests 100000;
   sendfile on;
   server {
     listen 127.0.0.1:$port;
     limit_rate $1;
-    location /json/ { alias $work/root/; autoindex on; autoindex_format json; }
-    location / { root $work/root; autoindex on; }
+    root $work/root;
+    location /share/ {
+      dav_methods PUT DELETE MKCOL COPY MOVE;
+      dav_ext_methods PROPFIND OPTIONS;
+      create_full_put_path on;
+    }
   }
 }
 EOF
     nginx -e "$work/nginx/error.log" -c "$work/nginx/nginx.conf" -p "$work/nginx" &
     nginx_pid=$!
+    url=http://127.0.0.1:$port/share/
     for _ in $(seq 100); do
         (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null && return 0
         sleep 0.1
@@ -128,90 +160,220 @@ EOF
 # mount_drive NAME: a fresh mount with an empty cache directory.
 mount_drive() {
     stop_drive
+    drive_kind=$1
     rm -rf "$cache"
     mkdir -p "$mnt" "$cache"
-    local base=http://127.0.0.1:$port
     case $1 in
-    cachedrive) "$cachedrive" "$base/json/" "$mnt" -f -q --cache-dir "$cache" & ;;
-    cachedrive-direct_io) "$cachedrive" "$base/json/" "$mnt" -f -q --cache-dir "$cache" -o direct_io & ;;
-    rclone) rclone mount :http: "$mnt" --http-url "$base/" --vfs-cache-mode full \
+    cachedrive) "$cachedrive" "$url" "$mnt" -f -q --webdav --connections "$connections" \
+        --cache-dir "$cache" 2>"$work/cachedrive.log" & ;;
+    cachedrive-direct_io) "$cachedrive" "$url" "$mnt" -f -q --webdav --connections "$connections" \
+        --cache-dir "$cache" -o direct_io 2>"$work/cachedrive.log" & ;;
+    rclone) rclone mount :webdav: "$mnt" --webdav-url "$url" --vfs-cache-mode full \
         --cache-dir "$cache" 2>"$work/rclone.log" & ;;
-    httpdirfs) httpdirfs -f --cache --no-range-check --cache-location "$cache" "$base/" "$mnt" \
-        >"$work/httpdirfs.log" 2>&1 & ;;
+    davfs2)
+        # mount.davfs runs as its own user, which must be able to write there.
+        chmod 1777 "$cache"
+        printf 'cache_dir %s\nask_auth 0\nuse_locks 0\ndelay_upload 0\ncache_size 4096\n' \
+            "$cache" >"$work/davfs2.conf"
+        mount.davfs "$url" "$mnt" -o "conf=$work/davfs2.conf" </dev/null >"$work/davfs2.log" 2>&1 ||
+            return 1
+        ;;
+    passthrough) "$passthrough" -f -o "source=$share,cache=never" "$mnt" 2>"$work/passthrough.log" & ;;
     esac
-    drive_pid=$!
+    drive_pid=
+    [ "$1" = davfs2 ] || drive_pid=$!
     for _ in $(seq 200); do
         mountpoint -q "$mnt" && return 0
-        kill -0 "$drive_pid" 2>/dev/null || break
+        [ -z "$drive_pid" ] || kill -0 "$drive_pid" 2>/dev/null || break
         sleep 0.1
     done
     echo "$1 did not mount" >&2
     return 1
 }
 
-# dd_mbps FILE: reads FILE with dd bs=1M, prints MB/s (10^6 bytes).
+now() { date +%s.%N; }
+# mbps BYTES START: MB/s of BYTES moved since START.
+mbps() { python3 -c "import sys,time; print(f'{$1 / (time.time() - $2) / 1e6:.0f}')"; }
+# dd_mbps FILE: reads FILE with dd bs=1M, prints MB/s.
 dd_mbps() {
-    python3 - "$1" <<'EOF'
-import subprocess, sys, time
-start = time.monotonic()
-subprocess.run(["dd", f"if={sys.argv[1]}", "of=/dev/null", "bs=1M", "status=none"], check=True)
-print(f"{(1 << 30) / (time.monotonic() - start) / 1e6:.0f}")
-EOF
+    local start
+    start=$(now)
+    dd if="$1" of=/dev/null bs=1M status=none || return 1
+    mbps $size "$start"
 }
 
-# fio_figures FILE: prints "IOPS P50_US P99_US" of 4 KiB random reads.
-fio_figures() {
-    fio --name=rand4k --filename="$1" --rw=randread --bs=4k --size=$size --ioengine=psync \
-        --iodepth=1 --numjobs=1 --time_based --runtime="$fio_seconds" --invalidate=0 \
-        --output-format=json 2>/dev/null |
-        python3 -c '
-import json, sys
-r = json.load(sys.stdin)["jobs"][0]["read"]
-p = r["clat_ns"]["percentile"]
-print("%.0f %.0f %.0f" % (r["iops"], p["50.000000"] / 1000, p["99.000000"] / 1000))'
+# until_on_server START BYTES GLOB: MB/s once the server holds BYTES bytes
+# under GLOB (5 minutes at most).
+until_on_server() {
+    local start=$1 bytes=$2 glob=$3
+    for _ in $(seq 3000); do
+        if [ "$(stat -c %s $glob 2>/dev/null | awk '{n += $1} END {print n + 0}')" -eq "$bytes" ]; then
+            mbps "$bytes" "$start"
+            return
+        fi
+        sleep 0.1
+    done
+    failure="the server never held all bytes"
+    return 1
 }
 
-# check_bytes: the file read through the mount must hash like the source.
-check_bytes() {
+# Reads: sets c (cold) and w (warm), or failure.
+read_run() {
+    mount_drive "$1" || { failure="did not mount: $(tail -1 "$work/$1.log")"; return 1; }
+    failure="read failed (see $work/$1.log)"
+    c=$(dd_mbps "$mnt/bench.bin") || return 1
+    w=$(dd_mbps "$mnt/bench.bin") || return 1
     local got
-    got=$(sha256sum "$mnt/bench.bin" | cut -d' ' -f1) || return 1
+    got=$(sha256sum <"$mnt/bench.bin" | cut -d' ' -f1) || return 1
     [ "$got" = "$want" ] || { failure="WRONG BYTES (sha256 $got)"; return 1; }
 }
 
-# one_run DRIVE: one cold/warm/fio run; sets c w i a b, or failure.
-one_run() {
-    failure="failed (see $work/*.log)"
-    mount_drive "$1" || return 1
-    c=$(dd_mbps "$mnt/bench.bin") || return 1
-    w=$(dd_mbps "$mnt/bench.bin") || return 1
-    check_bytes || return 1
-    mount_drive "$1" || return 1
-    read -r i a b < <(fio_figures "$mnt/bench.bin") && [ -n "$b" ] || return 1
-    check_bytes
+# Writes: sets b (1 GiB file until on the server), k (its close() alone) and
+# s (1,000 small files), or failure.
+write_run() {
+    rm -rf "$share/in"
+    mkdir -p "$share/in"
+    mount_drive "$1" || { failure="did not mount: $(tail -1 "$work/$1.log")"; return 1; }
+    failure="write failed (see $work/$1.log)"
+    local start
+    start=$(now)
+    # Writes in 1 MiB blocks and prints the MB/s of the close() alone.
+    k=$(python3 - "$src" "$mnt/in/big.bin" <<'EOF2'
+import os, sys, time
+source = open(sys.argv[1], "rb")
+out = os.open(sys.argv[2], os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
+while block := source.read(1 << 20):
+    os.write(out, block)
+start = time.time()
+os.close(out)
+print(f"{(1 << 30) / (time.time() - start) / 1e6:.0f}")
+EOF2
+) || return 1
+    b=$(until_on_server "$start" $size "$share/in/big.bin") || return 1
+    mkdir -p "$mnt/in/small" || return 1
+    start=$(now)
+    cp "$work/src/small"/f*.bin "$mnt/in/small/" || return 1
+    s=$(until_on_server "$start" $((small_files * 102400)) "$share/in/small/f*.bin") || return 1
+    [ "$(sha256sum <"$share/in/big.bin" | cut -d' ' -f1)" = "$want" ] &&
+        [ "$(cat "$share/in/small"/f*.bin | sha256sum | cut -d' ' -f1)" = "$small_want" ] ||
+        { failure="WRONG BYTES on the server"; return 1; }
+}
+
+# Bound runs: set x (one figure).
+curl_get_run() {
+    rm -f "$work/tmp/copy.bin"
+    local start
+    start=$(now)
+    curl -sf -o "$work/tmp/copy.bin" "${url}bench.bin" || return 1
+    x=$(mbps $size "$start")
+    rm -f "$work/tmp/copy.bin"
+}
+curl_put_run() {
+    rm -rf "$share/in"
+    local start
+    start=$(now)
+    curl -sf -T "$src" "${url}in/big.bin" || return 1
+    x=$(mbps $size "$start")
+}
+curl_put_loop_run() {
+    rm -rf "$share/in"
+    local config=$work/tmp/put_loop.curl start
+    for i in $(seq $small_files); do
+        printf 'upload-file = "%s"\nurl = "%sin/small/f%d.bin"\n' "$work/src/small/f$i.bin" "$url" "$i"
+    done >"$config"
+    start=$(now)
+    curl -sf -K "$config" -o /dev/null || return 1
+    x=$(mbps $((small_files * 102400)) "$start")
+}
+page_cache_run() { x=$(dd_mbps "$share/bench.bin"); }
+passthrough_run() {
+    failure="did not mount (see $work/passthrough.log)"
+    mount_drive passthrough || return 1
+    dd_mbps "$mnt/bench.bin" >/dev/null || return 1
+    x=$(dd_mbps "$mnt/bench.bin") || return 1
 }
 
 median() { printf '%s\n' "$@" | sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
 
 rows=()
-local_warm=$(dd_mbps "$file")
-for profile in loopback "limit_rate $slow_rate"; do
+plot=$results/drive_peers.dat
+: >"$plot"
+# bound_row PROFILE NAME COLUMN FUNCTION: the median of RUNS runs of FUNCTION.
+bound_row() {
+    local profile=$1 name=$2 column=$3 run=$4 figures=() cells
+    for _ in $(seq "$runs"); do
+        failure="failed"
+        $run || { figures=(); break; }
+        figures+=("$x")
+    done
+    stop_drive
+    if [ ${#figures[@]} -eq 0 ]; then
+        cells="$failure"
+    else
+        cells=$(median "${figures[@]}")
+        echo "\"$profile\" \"$name\" $cells" >>"$plot"
+    fi
+    case $column in
+    cold) row="| $profile | **$name** | $cells | | | | |" ;;
+    warm) row="| $profile | **$name** | | $cells | | | |" ;;
+    close) row="| $profile | **$name** | | | $cells | $cells | |" ;;
+    small) row="| $profile | **$name** | | | | | $cells |" ;;
+    esac
+    echo "$row" >&2
+    rows+=("$row")
+}
+
+for profile in $profiles; do
     if [ "$profile" = loopback ]; then start_nginx 0; else start_nginx "$slow_rate"; fi
+    label=$profile
+    [ "$profile" = loopback ] || label="limit_rate $slow_rate"
+    bound_row "$label" "curl to a file" cold curl_get_run
+    if [ "$profile" != loopback ]; then
+        rate=$(python3 -c "
+s = '$slow_rate'; unit = {'k': 1e3 * 1.024, 'm': 1e6 * 1.048576, 'g': 1e9 * 1.073741824}
+print(f'{float(s[:-1]) * unit[s[-1].lower()] / 1e6 * $connections:.0f}' if s[-1].isalpha() else s)")
+        row="| $label | **$connections connections x $slow_rate** | $rate | | | | |"
+        rows+=("$row")
+        echo "\"$label\" \"connections x rate\" $rate" >>"$plot"
+    fi
+    bound_row "$label" "page cache" warm page_cache_run
+    bound_row "$label" "passthrough direct_io" warm passthrough_run
+    if [ "$profile" = loopback ]; then
+        bound_row "$label" "curl PUT" close curl_put_run
+        bound_row "$label" "curl PUT loop" small curl_put_loop_run
+    fi
     for drive in $drives; do
-        cold=() warm=() iops=() p50=() p99=()
+        cold=() warm=() big=() closes=() small=() row=
         for run in $(seq "$runs"); do
-            echo "[$profile] $drive run $run" >&2
-            if ! one_run "$drive"; then
-                echo "[$profile] $drive: $failure" >&2
-                cold=()
+            echo "[$label] $drive run $run" >&2
+            if ! read_run "$drive"; then
+                row="| $label | $drive | $failure | | | | |"
                 break
             fi
-            cold+=("$c") warm+=("$w") iops+=("$i") p50+=("$a") p99+=("$b")
+            cold+=("$c") warm+=("$w")
+            if [ "$profile" = loopback ]; then
+                if ! write_run "$drive"; then
+                    row="| $label | $drive | | | $failure | | |"
+                    break
+                fi
+                big+=("$b") closes+=("$k") small+=("$s")
+            fi
         done
         stop_drive
-        if [ ${#cold[@]} -eq 0 ]; then
-            row="| $profile | $drive | $failure | | | | |"
-        else
-            row="| $profile | $drive | $(median "${cold[@]}") | $(median "${warm[@]}") | $(median "${iops[@]}") | $(median "${p50[@]}") | $(median "${p99[@]}") |"
+        if [ -z "$row" ]; then
+            row="| $label | $drive | $(median "${cold[@]}") | $(median "${warm[@]}") |"
+            echo "\"$label\" \"$drive cold\" $(median "${cold[@]}")" >>"$plot"
+            echo "\"$label\" \"$drive warm\" $(median "${warm[@]}")" >>"$plot"
+            if [ ${#big[@]} -gt 0 ]; then
+                row+=" $(median "${big[@]}") | $(median "${closes[@]}") | $(median "${small[@]}") |"
+                echo "\"$label\" \"$drive write\" $(median "${big[@]}")" >>"$plot"
+                # A peer's close returns before its upload: no figure to plot.
+                [[ "$drive" != cachedrive* ]] ||
+                    echo "\"$label\" \"$drive close\" $(median "${closes[@]}")" >>"$plot"
+                echo "\"$label\" \"$drive small\" $(median "${small[@]}")" >>"$plot"
+            else
+                row+=" | | |"
+            fi
         fi
         echo "$row" >&2
         rows+=("$row")
@@ -220,14 +382,16 @@ for profile in loopback "limit_rate $slow_rate"; do
 done
 
 echo
-echo "1 GiB file, medians of $runs runs, MB/s = 10^6 bytes/s; fio: 4 KiB random reads for ${fio_seconds} s on a fresh mount."
-echo "Local file from the page cache: $local_warm MB/s. Machine: $(nproc) cores, $(uname -r)."
+echo "1 GiB file and 1,000 files of 100 KiB; medians of $runs runs; MB/s = 10^6 bytes/s; bounds in bold."
+echo "Machine: $(nproc) cores, $(uname -r); load before: $load_before; after: $(cut -d' ' -f1-3 /proc/loadavg)."
 echo
-echo "| network | drive | cold dd MB/s | warm dd MB/s | rand 4k IOPS | p50 µs | p99 µs |"
+echo "| network | drive | cold dd | warm dd | write 1 GiB | its close() | cp 1,000 x 100 KiB |"
 echo "| --- | --- | ---: | ---: | ---: | ---: | ---: |"
 printf '%s\n' "${rows[@]}"
 echo
 version=n/a
 [ -x "$cachedrive" ] && version=$("$cachedrive" --version 2>&1 | head -1)
 echo "Versions: cachedrive $version; $(rclone version 2>/dev/null | head -1);" \
-    "$(httpdirfs --version 2>&1 | head -1); $(nginx -v 2>&1); $(fio --version); sha256sum checked after every run."
+    "$(mount.davfs -V 2>&1 | head -1); $(nginx -v 2>&1); $(curl --version | head -1 | cut -d' ' -f1-2)."
+(cd "$results" && gnuplot -e "data='drive_peers.dat'; out='drive_peers.png'" ../drive_peers.gp)
+echo "Plot: bench/results/drive_peers.png" >&2

@@ -163,9 +163,13 @@ HttpClient::~HttpClient() {
     for (const Connection& connection : idle_) curl_easy_cleanup(connection.handle);
 }
 
-HttpClient::Connection HttpClient::Acquire() {
+HttpClient::Connection HttpClient::Acquire(bool bulk) {
     std::unique_lock<std::mutex> guard(lock_);
-    freed_.wait(guard, [this] { return !idle_.empty() || created_ < connections_; });
+    if (!bulk) ++waitingFirst_;
+    freed_.wait(guard, [this, bulk] {
+        return (!idle_.empty() || created_ < connections_) && (!bulk || waitingFirst_ == 0);
+    });
+    if (!bulk) --waitingFirst_;
     if (!idle_.empty()) {
         const Connection connection = idle_.back();
         idle_.pop_back();
@@ -185,7 +189,8 @@ void HttpClient::Release(Connection connection) {
         std::lock_guard<std::mutex> guard(lock_);
         idle_.push_back(connection);
     }
-    freed_.notify_one();
+    // A bulk waiter woken first would wait on and leave the connection idle.
+    freed_.notify_all();
 }
 
 void HttpClient::ConfigureNew(CURL* handle) const {
@@ -198,6 +203,8 @@ void HttpClient::ConfigureNew(CURL* handle) const {
     curl_easy_setopt(handle, CURLOPT_LOW_SPEED_LIMIT, limits_.lowSpeedBytes);
     curl_easy_setopt(handle, CURLOPT_LOW_SPEED_TIME, limits_.lowSpeedSeconds);
     curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, 512L * 1024);
+    // Uploads read the local copy in 1 MiB blocks instead of curl's 64 KiB.
+    curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, 1024L * 1024);
     curl_easy_setopt(handle, CURLOPT_USERAGENT, "cachedrive/1.0");
     curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, OnHeader);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, OnBody);
@@ -221,7 +228,7 @@ void HttpClient::ConfigureNew(CURL* handle) const {
 }
 
 HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) {
-    Connection connection = Acquire();
+    Connection connection = Acquire(request.bulk);
     CURL* const handle = connection.handle;
     if (handle == nullptr) {
         HttpResponse failed;

@@ -40,6 +40,9 @@ struct HttpRequest {
     // Asked while the transfer runs, also when no byte arrives; false
     // abandons it (CURLE_ABORTED_BY_CALLBACK).
     std::function<bool()> keepGoing;
+    // A part of a large transfer that others wait for less: it gets a free
+    // connection only when no request without `bulk` waits for one.
+    bool bulk = false;
 };
 
 struct HttpResponse {
@@ -125,7 +128,7 @@ class HttpClient {
         bool answered = false;  // the server has answered one request on it
     };
 
-    Connection Acquire();
+    Connection Acquire(bool bulk);
     void Release(Connection connection);
     // Sets what every request on `handle` shares: time-outs, credentials,
     // certificates.
@@ -141,6 +144,7 @@ class HttpClient {
     std::condition_variable freed_;
     std::vector<Connection> idle_;  // GUARDED_BY(lock_)
     int created_ = 0;               // GUARDED_BY(lock_)
+    int waitingFirst_ = 0;          // GUARDED_BY(lock_): waiters that are not bulk
 };
 
 }  // namespace drive

@@ -14,30 +14,78 @@ namespace drive {
 namespace {
 
 constexpr long long kSector = 64 * 1024;
-// Bytes gathered before they are handed to the sink: whole sectors only.
-constexpr long long kPieceBytes = 16 * kSector;
 
 bool HandleClosed(const _FS_HANDLE& handle) {
     return std::atomic_ref<int32_t>(const_cast<int32_t&>(handle.state))
                .load(std::memory_order_relaxed) > 3;
 }
 
-// Why an attempt ended without delivering the whole range.
-enum class Outcome { kComplete, kRetry, kFail, kChanged, kClosed, kSinkFailed };
-
-// The state of one range request across its attempts.
-struct RangeTransfer {
-    long long end;            // one past the last byte wanted
-    long long received;       // the next byte the stream must bring
-    long long delivered;      // bytes before it are in the sink
-    std::vector<char> piece;  // bytes in [delivered, received)
-    long long skip = 0;       // bytes of a whole-file body before `received`
-    bool started = false;     // the body's status has been judged
-    Outcome verdict = Outcome::kRetry;
-    AERROR sinkError = AE_OK;
-};
-
 }  // namespace
+
+RetryVerdict JudgeAttempt(const AttemptEnd& end, int retriesLeft, int retries) {
+    RangeOutcome outcome = end.code == CURLE_ABORTED_BY_CALLBACK ? RangeOutcome::kClosed : end.stop;
+    if (outcome == RangeOutcome::kRetry && end.complete) outcome = RangeOutcome::kComplete;
+    if (outcome == RangeOutcome::kRetry && end.status == 412) outcome = RangeOutcome::kChanged;
+    if (outcome == RangeOutcome::kRetry && end.code == CURLE_OK && end.status != 0 &&
+        end.status != 200 && end.status != 206 && end.status < 500) {
+        outcome = RangeOutcome::kRefused;
+    }
+    if (outcome != RangeOutcome::kRetry) return {outcome, retriesLeft};
+    // A server that sends a part and breaks off gets its full retries again
+    // after each good part: the retry after it is free. One that stalls
+    // without sending anything is not asked again: each stall costs the
+    // whole low-speed time.
+    if (end.progressed) return {RangeOutcome::kRetry, retries};
+    if (end.code == CURLE_OPERATION_TIMEDOUT || retriesLeft <= 0) {
+        return {RangeOutcome::kExhausted, 0};
+    }
+    return {RangeOutcome::kRetry, retriesLeft - 1};
+}
+
+// One range of a file on one connection, with its retries: each attempt
+// asks for the bytes not received yet and streams them into the sink.
+class HttpFetcher::RangeFetch {
+  public:
+    RangeFetch(HttpFetcher& fetcher, long long offset, long long length, long long size, bool bulk,
+               const _FS_HANDLE& handle, IFetchCallback* sink)
+        : fetcher_(fetcher),
+          path_(fetcher.Path()),
+          size_(size),
+          bulk_(bulk),
+          handle_(handle),
+          sink_(sink),
+          end_(offset + length),
+          received_(offset),
+          delivered_(offset) {
+        piece_.reserve(kSector);
+    }
+
+    AERROR Run();
+
+  private:
+    bool Deliver(const char* data, long long length);
+    bool DeliverPiece();
+    bool Judge(const HttpResponse& head);
+    bool OnBody(const HttpResponse& head, const char* data, size_t size);
+    // The result of a range that ended with `outcome` after `response`.
+    AERROR Finish(RangeOutcome outcome, const HttpResponse& response);
+
+    HttpFetcher& fetcher_;
+    const std::string path_;
+    const long long size_;  // of the file
+    const bool bulk_;
+    const _FS_HANDLE& handle_;
+    IFetchCallback* const sink_;
+    const long long end_;      // one past the last byte wanted
+    long long received_;       // the next byte the stream must bring
+    long long delivered_;      // bytes before it are in the sink
+    std::vector<char> piece_;  // bytes in [delivered_, received_): part of a sector
+    // The attempt under way.
+    long long skip_ = 0;                        // bytes of a whole-file body before `received_`
+    bool started_ = false;                      // the body's status has been judged
+    RangeOutcome stop_ = RangeOutcome::kRetry;  // what the body callbacks decided
+    AERROR sinkError_ = AE_OK;
+};
 
 HttpFetcher::HttpFetcher(NodeInfo file, HttpClient* client, RemoteTree* tree, DriveLog* log,
                          Stats* stats, FetchPolicy policy, CacheRoom* room)
@@ -91,9 +139,11 @@ AERROR HttpFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
     if (length <= 0 || offset < 0) return AE_OK;
     if (handle == nullptr) return AE_HANDLE_CLOSED;
     if (length <= policy_.splitAbove || policy_.parallelRanges < 2) {
-        return FetchRange(offset, length, size, *handle, sink);
+        return FetchRange(offset, length, size, false, *handle, sink);
     }
-    // Ranges of whole sectors, one per connection, each streaming on its own.
+    // Ranges of whole sectors, one per connection, each streaming on its
+    // own. They let small fetches (a random read's) take the next free
+    // connection before them.
     const long long parts = std::min<long long>(policy_.parallelRanges, length / kSector);
     const long long share = (length / parts + kSector - 1) / kSector * kSector;
     std::vector<AERROR> results(parts, AE_OK);
@@ -103,7 +153,7 @@ AERROR HttpFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
         const long long part = std::min(share, offset + length - first);
         if (part <= 0) break;
         workers.emplace_back([this, i, first, part, size, &handle, sink, &results] {
-            results[i] = FetchRange(first, part, size, *handle, sink);
+            results[i] = FetchRange(first, part, size, true, *handle, sink);
         });
     }
     for (std::thread& worker : workers) worker.join();
@@ -113,158 +163,161 @@ AERROR HttpFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
     return AE_OK;
 }
 
-AERROR HttpFetcher::FetchRange(long long offset, long long length, long long size,
+AERROR HttpFetcher::FetchRange(long long offset, long long length, long long size, bool bulk,
                                const _FS_HANDLE& handle, IFetchCallback* sink) {
-    const std::string path = Path();
-    RangeTransfer transfer{offset + length, offset, offset, {}};
-    transfer.piece.reserve(kPieceBytes);
+    return RangeFetch(*this, offset, length, size, bulk, handle, sink).Run();
+}
 
-    // Hands the gathered bytes to the sink; false when it refused them.
-    auto deliver = [&]() {
-        if (room_ != nullptr) room_->WaitForRoom([&handle] { return HandleClosed(handle); });
-        long written = 0;
-        const AERROR error = sink->FetchWrite(transfer.delivered, transfer.piece.data(),
-                                              static_cast<long>(transfer.piece.size()), &written);
-        if (error != AE_OK) {
-            transfer.sinkError = error;
-            transfer.verdict = Outcome::kSinkFailed;
+// Hands `length` bytes, the next ones of the range, to the sink; false when
+// it refused them.
+bool HttpFetcher::RangeFetch::Deliver(const char* data, long long length) {
+    CacheRoom* const room = fetcher_.room_;
+    if (room != nullptr) room->WaitForRoom([this] { return HandleClosed(handle_); });
+    long written = 0;
+    if (const AERROR error =
+            sink_->FetchWrite(delivered_, data, static_cast<long>(length), &written);
+        error != AE_OK) {
+        sinkError_ = error;
+        stop_ = RangeOutcome::kSinkFailed;
+        return false;
+    }
+    if (room != nullptr) room->Added(length);
+    delivered_ += length;
+    return true;
+}
+
+bool HttpFetcher::RangeFetch::DeliverPiece() {
+    if (!Deliver(piece_.data(), static_cast<long long>(piece_.size()))) return false;
+    piece_.clear();
+    return true;
+}
+
+// Judges the response once its headers are in: is this body the bytes that
+// were asked for?
+bool HttpFetcher::RangeFetch::Judge(const HttpResponse& head) {
+    started_ = true;
+    if ((head.status == 200 || head.status == 206) && !fetcher_.SameVersion(head.etag)) {
+        stop_ = RangeOutcome::kChanged;
+        return false;
+    }
+    if (head.status == 206) {
+        const auto range = ParseContentRange(head.contentRange);
+        if (range && RangeMatches(*range, received_, end_ - received_, size_)) return true;
+        fetcher_.log_->Error("Fetch %s: asked for bytes %lld-%lld, got Content-Range '%s'",
+                             path_.c_str(), received_, end_ - 1, head.contentRange.c_str());
+        stop_ = range && range->total >= 0 && range->total != size_ ? RangeOutcome::kChanged
+                                                                    : RangeOutcome::kFail;
+        return false;
+    }
+    if (head.status == 200) {
+        // The server ignores ranges: the body is the whole file.
+        if (head.contentLength >= 0 && head.contentLength != size_) {
+            stop_ = RangeOutcome::kChanged;
             return false;
         }
-        if (room_ != nullptr) room_->Added(static_cast<long long>(transfer.piece.size()));
-        transfer.delivered += static_cast<long long>(transfer.piece.size());
-        transfer.piece.clear();
+        skip_ = received_;
         return true;
-    };
+    }
+    return false;  // judged after the transfer, by its status
+}
 
-    // Judges the response once its headers are in: is this body the bytes
-    // that were asked for?
-    auto judge = [&](const HttpResponse& head) {
-        transfer.started = true;
-        if ((head.status == 200 || head.status == 206) && !SameVersion(head.etag)) {
-            transfer.verdict = Outcome::kChanged;
-            return false;
+bool HttpFetcher::RangeFetch::OnBody(const HttpResponse& head, const char* data, size_t size) {
+    if (HandleClosed(handle_)) {
+        stop_ = RangeOutcome::kClosed;
+        return false;
+    }
+    if (!started_ && !Judge(head)) return false;
+    if (skip_ > 0) {
+        const long long skipped = std::min<long long>(skip_, size);
+        skip_ -= skipped;
+        data += skipped;
+        size -= skipped;
+    }
+    const long long useful = std::min<long long>(size, end_ - received_);
+    Stats::Add(fetcher_.stats_->bytesFetched, useful);
+    // Whole sectors go to the sink straight from curl's buffer; only a
+    // sector split between two buffers is gathered in `piece_` first.
+    for (long long used = 0; used < useful;) {
+        const long long left = useful - used;
+        if (piece_.empty() && left >= kSector) {
+            const long long whole = left / kSector * kSector;
+            if (!Deliver(data + used, whole)) return false;
+            used += whole;
+            received_ += whole;
+            continue;
         }
-        const long long wanted = transfer.end - transfer.received;
-        if (head.status == 206) {
-            const auto range = ParseContentRange(head.contentRange);
-            if (range && RangeMatches(*range, transfer.received, wanted, size)) return true;
-            log_->Error("Fetch %s: asked for bytes %lld-%lld, got Content-Range '%s'", path.c_str(),
-                        transfer.received, transfer.end - 1, head.contentRange.c_str());
-            transfer.verdict = range && range->total >= 0 && range->total != size
-                                   ? Outcome::kChanged
-                                   : Outcome::kFail;
-            return false;
-        }
-        if (head.status == 200) {
-            // The server ignores ranges: the body is the whole file.
-            if (head.contentLength >= 0 && head.contentLength != size) {
-                transfer.verdict = Outcome::kChanged;
-                return false;
-            }
-            transfer.skip = transfer.received;
-            return true;
-        }
-        return false;  // judged after the transfer, by its status
-    };
+        const long long gathered = static_cast<long long>(piece_.size());
+        const long long take = std::min(kSector - gathered % kSector, left);
+        piece_.insert(piece_.end(), data + used, data + used + take);
+        used += take;
+        received_ += take;
+        if (static_cast<long long>(piece_.size()) % kSector == 0 && !DeliverPiece()) return false;
+    }
+    // A whole-file body goes on past the range: stop it there.
+    if (received_ == end_) {
+        stop_ = RangeOutcome::kComplete;
+        return static_cast<long long>(size) == useful && head.status == 206;
+    }
+    return true;
+}
 
-    auto onBody = [&](const HttpResponse& head, const char* data, size_t size) {
-        if (HandleClosed(handle)) {
-            transfer.verdict = Outcome::kClosed;
-            return false;
-        }
-        if (!transfer.started && !judge(head)) return false;
-        if (transfer.skip > 0) {
-            const long long skipped = std::min<long long>(transfer.skip, size);
-            transfer.skip -= skipped;
-            data += skipped;
-            size -= skipped;
-        }
-        const long long useful = std::min<long long>(size, transfer.end - transfer.received);
-        Stats::Add(stats_->bytesFetched, useful);
-        for (long long used = 0; used < useful;) {
-            const long long room = kPieceBytes - static_cast<long long>(transfer.piece.size());
-            const long long take = std::min(room, useful - used);
-            transfer.piece.insert(transfer.piece.end(), data + used, data + used + take);
-            used += take;
-            transfer.received += take;
-            if (static_cast<long long>(transfer.piece.size()) == kPieceBytes && !deliver()) {
-                return false;
-            }
-        }
-        // A whole-file body goes on past the range: stop it there.
-        if (transfer.received == transfer.end) {
-            transfer.verdict = Outcome::kComplete;
-            return static_cast<long long>(size) == useful && head.status == 206;
-        }
-        return true;
-    };
-
-    auto backoff = policy_.firstBackoff;
-    for (int attempt = 0;; ++attempt) {
+AERROR HttpFetcher::RangeFetch::Run() {
+    const FetchPolicy& policy = fetcher_.policy_;
+    const HttpClient::BodySink onBody = [this](const HttpResponse& head, const char* data,
+                                               size_t size) { return OnBody(head, data, size); };
+    auto backoff = policy.firstBackoff;
+    for (int retriesLeft = policy.retries;;) {
         HttpRequest request;
-        request.path = path;
-        request.rangeFirst = transfer.received;
-        request.rangeLast = transfer.end - 1;
-        request.ifMatch = Current().etag;
-        request.keepGoing = [&handle] { return !HandleClosed(handle); };
-        transfer.started = false;
-        transfer.skip = 0;
-        transfer.verdict = Outcome::kRetry;
-        const long long receivedBefore = transfer.received;
-        const HttpResponse response = client_->Send(request, onBody);
-        const bool progressed = transfer.received - receivedBefore >= kSector;
-        if (response.code == CURLE_ABORTED_BY_CALLBACK) transfer.verdict = Outcome::kClosed;
-
-        if (transfer.verdict == Outcome::kRetry && transfer.received == transfer.end) {
-            transfer.verdict = Outcome::kComplete;
-        }
-        if (transfer.verdict == Outcome::kComplete) {
-            if (!transfer.piece.empty() && !deliver()) return transfer.sinkError;
-            return AE_OK;
-        }
-        if (transfer.verdict == Outcome::kRetry && response.status == 412) {
-            transfer.verdict = Outcome::kChanged;
-        }
-        if (transfer.verdict == Outcome::kRetry && response.code == CURLE_OK &&
-            response.status != 0 && response.status != 200 && response.status != 206 &&
-            response.status < 500) {
-            log_->Error("Fetch %s: HTTP %ld", path.c_str(), response.status);
-            transfer.verdict = Outcome::kFail;
-        }
-        switch (transfer.verdict) {
-            case Outcome::kClosed:
-                return AE_HANDLE_CLOSED;
-            case Outcome::kSinkFailed:
-                return transfer.sinkError;
-            case Outcome::kChanged:
-                log_->Error("Fetch %s: the file changed on the server", path.c_str());
-                tree_->MarkChanged(inode_);
-                return AE_READ_FAILED;
-            case Outcome::kFail:
-                return AE_READ_FAILED;
-            default:
-                break;
-        }
-        // A server that stalls without sending anything is not asked again:
-        // each stall costs the whole low-speed time. One that sends a part
-        // and breaks off gets its full retries again after each good part.
-        if (progressed) {
-            attempt = -1;
-            backoff = policy_.firstBackoff;
-        } else if (response.code == CURLE_OPERATION_TIMEDOUT) {
-            attempt = policy_.retries;
-        }
-        if (attempt >= policy_.retries) {
-            log_->Error("Fetch %s bytes %lld-%lld failed: %s (HTTP %ld)", path.c_str(),
-                        transfer.received, transfer.end - 1,
-                        response.code != CURLE_OK ? response.error.c_str() : "short body",
-                        response.status);
-            return AE_READ_FAILED;
-        }
+        request.path = path_;
+        request.rangeFirst = received_;
+        request.rangeLast = end_ - 1;
+        request.ifMatch = fetcher_.Current().etag;
+        request.keepGoing = [this] { return !HandleClosed(handle_); };
+        request.bulk = bulk_;
+        started_ = false;
+        skip_ = 0;
+        stop_ = RangeOutcome::kRetry;
+        const long long receivedBefore = received_;
+        const HttpResponse response = fetcher_.client_->Send(request, onBody);
+        const AttemptEnd attempt{stop_, response.code, response.status, received_ == end_,
+                                 received_ - receivedBefore >= kSector};
+        const RetryVerdict verdict = JudgeAttempt(attempt, retriesLeft, policy.retries);
+        if (verdict.outcome != RangeOutcome::kRetry) return Finish(verdict.outcome, response);
+        retriesLeft = verdict.retriesLeft;
+        if (attempt.progressed) backoff = policy.firstBackoff;
         std::this_thread::sleep_for(backoff);
         backoff *= 2;
-        if (HandleClosed(handle)) return AE_HANDLE_CLOSED;
+        if (HandleClosed(handle_)) return AE_HANDLE_CLOSED;
     }
+}
+
+AERROR HttpFetcher::RangeFetch::Finish(RangeOutcome outcome, const HttpResponse& response) {
+    DriveLog* const log = fetcher_.log_;
+    switch (outcome) {
+        case RangeOutcome::kComplete:
+            if (!piece_.empty() && !DeliverPiece()) return sinkError_;
+            return AE_OK;
+        case RangeOutcome::kClosed:
+            return AE_HANDLE_CLOSED;
+        case RangeOutcome::kSinkFailed:
+            return sinkError_;
+        case RangeOutcome::kChanged:
+            log->Error("Fetch %s: the file changed on the server", path_.c_str());
+            fetcher_.tree_->MarkChanged(fetcher_.inode_);
+            return AE_READ_FAILED;
+        case RangeOutcome::kRefused:
+            log->Error("Fetch %s: HTTP %ld", path_.c_str(), response.status);
+            return AE_READ_FAILED;
+        case RangeOutcome::kExhausted:
+            log->Error("Fetch %s bytes %lld-%lld failed: %s (HTTP %ld)", path_.c_str(), received_,
+                       end_ - 1, response.code != CURLE_OK ? response.error.c_str() : "short body",
+                       response.status);
+            return AE_READ_FAILED;
+        case RangeOutcome::kFail:
+        case RangeOutcome::kRetry:
+            break;
+    }
+    return AE_READ_FAILED;
 }
 
 }  // namespace drive

@@ -31,9 +31,42 @@ namespace drive {
 struct FetchPolicy {
     int retries = 3;                              // after the first attempt
     std::chrono::milliseconds firstBackoff{100};  // doubled after each retry
-    long long splitAbove = 16LL << 20;            // fetches larger than this are split
-    int parallelRanges = 4;                       // at most this many ranges at once
+    long long splitAbove = 4LL << 20;             // fetches larger than this are split
+    int parallelRanges = 8;                       // at most this many ranges at once
 };
+
+// How a range request ends, or goes on.
+enum class RangeOutcome {
+    kComplete,    // every byte is in the sink
+    kRetry,       // asked again for the bytes not received yet
+    kFail,        // the server sent other bytes than those asked for
+    kRefused,     // the server answered with a status other than 2xx or 5xx
+    kExhausted,   // the retries are used up
+    kChanged,     // the server holds another version of the file
+    kClosed,      // the handle was closed meanwhile
+    kSinkFailed,  // the sink refused the bytes
+};
+
+// How one attempt of a range request ended.
+struct AttemptEnd {
+    RangeOutcome stop = RangeOutcome::kRetry;  // decided while the body streamed
+    CURLcode code = CURLE_OK;
+    long status = 0;          // HTTP status; 0 when no response arrived
+    bool complete = false;    // every byte of the range has arrived
+    bool progressed = false;  // at least a sector arrived in this attempt
+};
+
+struct RetryVerdict {
+    RangeOutcome outcome;
+    int retriesLeft;  // after the retry this verdict asks for, if any
+};
+
+// What follows an attempt that ended as `end`, with `retriesLeft` of the
+// policy's `retries` left before it: the outcome the body's stream decided,
+// or the transfer's (an abort is a closed handle, 412 a changed file, a
+// status below 500 but 200 and 206 a refusal); else a retry, free after a
+// sector's progress, none after a stall.
+RetryVerdict JudgeAttempt(const AttemptEnd& end, int retriesLeft, int retries);
 
 class HttpFetcher final : public IFetch {
   public:
@@ -70,9 +103,12 @@ class HttpFetcher final : public IFetch {
         uint64_t number = 0;
     };
 
-    // One range of a file of `size` bytes, on one connection, with retries.
-    AERROR FetchRange(long long offset, long long length, long long size, const _FS_HANDLE& handle,
-                      IFetchCallback* sink);
+    class RangeFetch;
+
+    // One range of a file of `size` bytes, on one connection, with retries;
+    // `bulk` for a part of a split fetch.
+    AERROR FetchRange(long long offset, long long length, long long size, bool bulk,
+                      const _FS_HANDLE& handle, IFetchCallback* sink);
     Version Current();
     std::string Path();
     // True unless `etag` (a response's) shows another version than the one

@@ -42,6 +42,7 @@
 #include "drive/cache_room.h"
 #include "drive/fuse_ops.h"
 #include "drive/http_client.h"
+#include "drive/kernel_readahead.h"
 #include "drive/log.h"
 #include "drive/open_files.h"
 #include "drive/pending_copies.h"
@@ -576,6 +577,8 @@ class Mount {
         // must reach a FUSE worker to end the loop.
         const sigset_t stopSignals = StopSignals();
         pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+        const drive::KernelReadahead readahead(options_.mountpoint, drive::kDriveReadaheadKib,
+                                               &log_);
         const int status = ServeWithCache(stopSignals);
         fuse_remove_signal_handlers(session_);
         fuse_session_destroy(session_);
@@ -741,7 +744,7 @@ class Mount {
                               kRoomMaxWait, &log_);
         drive::PendingCopies pending(cacheDir_.pendingPath(), cacheDir_.recoveredPath());
         drive::OpenFiles files(cache, &*client_, &*tree_, &log_, &stats_, &room, &pending,
-                               drive::FetchPolicy(), 256);
+                               drive::FetchPolicy{.parallelRanges = options_.connections}, 256);
         drive::WebDavChanges changes(&*tree_, &files, &*client_, &log_);
         context_.files = &files;
         context_.changes = &changes;

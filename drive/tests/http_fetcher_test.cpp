@@ -302,5 +302,65 @@ TEST(HttpFetcherTest, DeliversOnlyWhenTheCacheHasRoomAndStopsWhenClosedWhileWait
     closer.join();
 }
 
+AttemptEnd Ended(CURLcode code, long status, bool progressed = false) {
+    AttemptEnd end;
+    end.code = code;
+    end.status = status;
+    end.progressed = progressed;
+    return end;
+}
+
+TEST(JudgeAttemptTest, TheStreamsDecisionStandsAndAnAbortIsAClosedHandle) {
+    for (const RangeOutcome stop : {RangeOutcome::kComplete, RangeOutcome::kFail,
+                                    RangeOutcome::kChanged, RangeOutcome::kSinkFailed}) {
+        AttemptEnd end = Ended(CURLE_WRITE_ERROR, 206);
+        end.stop = stop;
+        EXPECT_EQ(JudgeAttempt(end, 3, 3).outcome, stop);
+    }
+    AttemptEnd aborted = Ended(CURLE_ABORTED_BY_CALLBACK, 206, true);
+    aborted.complete = true;
+    EXPECT_EQ(JudgeAttempt(aborted, 3, 3).outcome, RangeOutcome::kClosed);
+    // Every byte arrived before the connection broke: nothing to retry.
+    AttemptEnd broken = Ended(CURLE_RECV_ERROR, 206, true);
+    broken.complete = true;
+    EXPECT_EQ(JudgeAttempt(broken, 0, 3).outcome, RangeOutcome::kComplete);
+}
+
+TEST(JudgeAttemptTest, StatusesOtherThanServerErrorsAreNotRetried) {
+    EXPECT_EQ(JudgeAttempt(Ended(CURLE_OK, 412), 3, 3).outcome, RangeOutcome::kChanged);
+    for (const long status : {301L, 401L, 403L, 404L, 416L}) {
+        EXPECT_EQ(JudgeAttempt(Ended(CURLE_OK, status), 3, 3).outcome, RangeOutcome::kRefused)
+            << status;
+    }
+    // Server errors, short bodies and broken connections are retried.
+    for (const AttemptEnd& end :
+         {Ended(CURLE_OK, 503), Ended(CURLE_OK, 206), Ended(CURLE_OK, 200),
+          Ended(CURLE_COULDNT_CONNECT, 0), Ended(CURLE_PARTIAL_FILE, 206)}) {
+        EXPECT_EQ(JudgeAttempt(end, 3, 3).outcome, RangeOutcome::kRetry) << end.status;
+    }
+}
+
+TEST(JudgeAttemptTest, GivesFullRetriesAfterProgressAndNoneAfterAStall) {
+    const AttemptEnd failed = Ended(CURLE_RECV_ERROR, 206);
+    int left = 3;
+    for (int retry = 0; retry < 3; ++retry) {
+        const RetryVerdict verdict = JudgeAttempt(failed, left, 3);
+        ASSERT_EQ(verdict.outcome, RangeOutcome::kRetry);
+        left = verdict.retriesLeft;
+    }
+    EXPECT_EQ(left, 0);
+    EXPECT_EQ(JudgeAttempt(failed, left, 3).outcome, RangeOutcome::kExhausted);
+    // A sector of progress makes the next retry free and restores them all.
+    const RetryVerdict afterProgress = JudgeAttempt(Ended(CURLE_RECV_ERROR, 206, true), 0, 3);
+    EXPECT_EQ(afterProgress.outcome, RangeOutcome::kRetry);
+    EXPECT_EQ(afterProgress.retriesLeft, 3);
+    // A stall costs the whole low-speed time: given up at once, unless
+    // bytes came before it.
+    EXPECT_EQ(JudgeAttempt(Ended(CURLE_OPERATION_TIMEDOUT, 206), 3, 3).outcome,
+              RangeOutcome::kExhausted);
+    EXPECT_EQ(JudgeAttempt(Ended(CURLE_OPERATION_TIMEDOUT, 206, true), 0, 3).outcome,
+              RangeOutcome::kRetry);
+}
+
 }  // namespace
 }  // namespace drive
