@@ -9,6 +9,7 @@
 #include "cache/fetch_jobs.h"
 #include "cache/file_io.h"
 #include "cache/readonly_cache.h"
+#include "cache/sector_runs.h"
 
 namespace cache {
 
@@ -274,26 +275,7 @@ FILE* WritableCache::TakeStream(long long* size) {
 
 bool WritableCache::FetchEmptySectors(std::deque<long long>& sectors, IFetch* fetch,
                                       std::shared_ptr<_FS_HANDLE> handle) {
-    std::map<long long, long long> runs;  // start -> length
-    std::map<long long, long long> ends;  // end -> start, for the run ending at a sector
-    for (long long sector : sectors) {
-        auto after = runs.upper_bound(sector);
-        if (after != runs.begin()) {
-            auto run = std::prev(after);
-            if (run->first + run->second > sector) continue;  // listed twice
-        }
-        auto joined = ends.find(sector);
-        if (joined != ends.end()) {
-            const long long start = joined->second;
-            ends.erase(joined);
-            runs[start] += kSectorSize;
-            ends.emplace(sector + kSectorSize, start);
-        } else {
-            runs.emplace(sector, kSectorSize);
-            ends.emplace(sector + kSectorSize, sector);
-        }
-    }
-    return FetchRunsNoLock(runs, fetch, handle);
+    return FetchRunsNoLock(RunsOf(sectors), fetch, handle);
 }
 
 bool WritableCache::FetchRunsNoLock(const std::map<long long, long long>& runs, IFetch* fetch,

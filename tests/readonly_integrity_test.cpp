@@ -139,7 +139,7 @@ TEST_F(IntegrityTest, WholeFileReadsEndWithinTheirTimeOut) {
         while (!returned && std::chrono::steady_clock::now() < deadline) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        std::atomic_ref<int32_t>(handle->state).store(4);
+        testhost::MarkClosed(handle);
     });
     const auto failed = readAll(0, 1000, 300, handle);
     returned = true;
@@ -154,7 +154,7 @@ TEST_F(IntegrityTest, AReadWhoseHandleWasClosedAnswers28WhateverFailedFirst) {
     // No queue: the fetch runs inside the read and gives up on the closed
     // handle before the read starts waiting; its sectors are gone by then.
     auto closed = testhost::OpenHandle();
-    closed->state = 4;
+    testhost::MarkClosed(closed);
     EXPECT_EQ(Read(*store, fetch.get(), Size(), 0, 1000, 2000, closed).error, AE_HANDLE_CLOSED);
     EXPECT_TRUE(log.HasText("[remote.bin] Read failed : Handle closed before return"));
     EXPECT_TRUE(ReadonlyCachePeer::Sectors(*store).empty());

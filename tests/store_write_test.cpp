@@ -340,7 +340,7 @@ TEST_F(ReadonlyWriteTest, WriteFetchesMissingSectorsFirstOrGivesUp) {
 
     // Sector 0 stays reserved: the next writer waits for the same fetch.
     auto handle = testhost::OpenHandle();
-    std::atomic_ref<int32_t>(handle->state).store(4);
+    testhost::MarkClosed(handle);
     EXPECT_EQ(Write(*store, fetch.get(), Size(), 20, Pattern(10, 'u'), 20000, handle),
               AE_WRITE_FAILED);
     EXPECT_EQ(log.WithFormat("[%s] Write handle closed : %p, %lld, %d").size(), 1u);
