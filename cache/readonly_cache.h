@@ -316,6 +316,21 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // Reserves the whole file and posts one job fetching it, unless a large
     // fetch runs or nothing is left to reserve; true when it posted.
     bool FetchWholeFileNoLock(_READDATA* request) REQUIRES(lock);
+    // How far a waiting read's scans got: the first sector not ready, and
+    // what the last scan saw of it (for the time-out line).
+    struct ReadProgress {
+        long long cur;          // scans go on from here
+        long long slot = -1;    // its slot, -1 when absent
+        long long length = 0;   // its valid length
+        bool reserved = false;  // reserved when last seen
+        bool missing = false;   // absent, or incomplete and not reserved
+    };
+    // Advances `progress` over the present and complete sectors below `end`;
+    // true when it reached `end`.
+    bool ScanReadNoLock(ReadProgress& progress, long long end) REQUIRES(lock);
+    // Logs the time-out of a read with where it stopped, releases its
+    // reservations (takes `lock`) and returns 8.
+    AERROR ReadTimedOut(const _READDATA* request, const ReadProgress& progress) EXCLUDES(lock);
     // Waits until every sector of the request's range within the file is
     // present and complete, queueing again when somebody else's fetch left
     // a sector missing. Returns 0 with `guard` locked, or the read's

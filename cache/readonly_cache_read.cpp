@@ -173,46 +173,41 @@ AERROR ReadonlyCache::WaitForSectorsNoLock(ExclusiveLock& guard,
     }
 }
 
+bool ReadonlyCache::ScanReadNoLock(ReadProgress& progress, long long end) {
+    progress.missing = false;
+    for (auto entry = sectors.lower_bound(progress.cur); progress.cur < end;
+         progress.cur += kSectorSize, ++entry) {
+        if (entry == sectors.end() || entry->first != progress.cur) {
+            progress.missing = true;
+            progress.slot = -1;
+            progress.length = 0;
+            progress.reserved = false;
+            return false;
+        }
+        progress.slot = entry->second.offset;
+        progress.length = entry->second.length;
+        progress.reserved = entry->second.reserved;
+        if (!IsCompleteNoLock(progress.cur, entry->second)) {
+            progress.missing = !progress.reserved;
+            return false;
+        }
+    }
+    return true;
+}
+
 AERROR ReadonlyCache::WaitForReadNoLock(ExclusiveLock& guard, _READDATA* request,
                                         QueueState& state) {
     // Nothing past the end of the file will ever arrive.
     const long long end = std::min(request->offset + request->length, request->fileSize);
     const long long first = SectorOf(request->offset);
-    // Scans go on from the first sector that was not ready.
-    long long cur = first;
-    // The sector that kept the last scan waiting, for the time-out line.
-    long long waitingSlot = -1;
-    long long waitingLength = 0;
-    bool waitingReserved = false;
-    bool missing = false;
-    const auto scan = [&]() REQUIRES(lock) -> std::optional<AERROR> {
-        missing = false;
-        for (auto entry = sectors.lower_bound(cur); cur < end; cur += kSectorSize, ++entry) {
-            if (entry == sectors.end() || entry->first != cur) {
-                missing = true;
-                waitingSlot = -1;
-                waitingLength = 0;
-                waitingReserved = false;
-                break;
-            }
-            waitingSlot = entry->second.offset;
-            waitingLength = entry->second.length;
-            waitingReserved = entry->second.reserved;
-            if (!IsCompleteNoLock(cur, entry->second)) {
-                missing = !waitingReserved;
-                break;
-            }
-        }
-        if (cur >= end) return AE_OK;  // `guard` stays locked for the copy
-        return std::nullopt;
-    };
+    ReadProgress progress{first};
     // A reservation vanished or a sector lacks its tail. If this read queued
     // fetches, one of them failed or stopped short; otherwise somebody
     // else's did, so queue again.
     const auto stillMissing = [&]() REQUIRES(lock) {
-        if (!missing) return AE_OK;
+        if (!progress.missing) return AE_OK;
         if (state == QueueState::kReadAhead || state == QueueState::kSectors) {
-            Log(LL_ERROR, "[%s] Read failed : Sector %lld not found on sector hash", cur);
+            Log(LL_ERROR, "[%s] Read failed : Sector %lld not found on sector hash", progress.cur);
             return AE_READ_NOT_SERVED;
         }
         const AERROR queued = QueueEmptySectors(first, end, request->fetch, request->handle);
@@ -222,7 +217,7 @@ AERROR ReadonlyCache::WaitForReadNoLock(ExclusiveLock& guard, _READDATA* request
             Log(LL_ERROR,
                 "[%s] Read failed : Sector %lld not found on sector hash and "
                 "QueueEmptySectors returns error",
-                cur);
+                progress.cur);
         }
         return queued;
     };
@@ -233,7 +228,10 @@ AERROR ReadonlyCache::WaitForReadNoLock(ExclusiveLock& guard, _READDATA* request
             Log(LL_ERROR, "[%s] Read failed : Invalid cache file handle");
             return AE_INVALID_HANDLE;
         },
-        scan,
+        // `guard` stays locked for the copy once the range is ready.
+        [&]() REQUIRES(lock) {
+            return ScanReadNoLock(progress, end) ? std::optional<AERROR>(AE_OK) : std::nullopt;
+        },
         [&] {
             Log(LL_ERROR, "[%s] Read failed : Handle closed before return");
             ClearReserved(request->offset, request->length);
@@ -247,19 +245,20 @@ AERROR ReadonlyCache::WaitForReadNoLock(ExclusiveLock& guard, _READDATA* request
             return state == QueueState::kWholeFile &&
                    largeFetch.load(std::memory_order_acquire) == nullptr;
         },
-        [&] {
-            const std::string detail = "last checked sector offset was " + std::to_string(cur) +
-                                       " on offset " + std::to_string(waitingSlot) + ", length " +
-                                       std::to_string(waitingLength) + " and " +
-                                       (waitingReserved ? "reserved" : "not reserved");
-            Log(LL_ERROR, "[%s] Read timed-out : %p, %lld, %d(%s)",
-                static_cast<void*>(request->buffer), request->offset,
-                static_cast<int>(request->length), detail.c_str());
-            ClearReserved(request->offset, request->length);
-            return AE_READ_NOT_SERVED;
-        },
+        [&] { return ReadTimedOut(request, progress); },
     };
     return WaitForSectorsNoLock(guard, wait);
+}
+
+AERROR ReadonlyCache::ReadTimedOut(const _READDATA* request, const ReadProgress& progress) {
+    const std::string detail = "last checked sector offset was " + std::to_string(progress.cur) +
+                               " on offset " + std::to_string(progress.slot) + ", length " +
+                               std::to_string(progress.length) + " and " +
+                               (progress.reserved ? "reserved" : "not reserved");
+    Log(LL_ERROR, "[%s] Read timed-out : %p, %lld, %d(%s)", static_cast<void*>(request->buffer),
+        request->offset, static_cast<int>(request->length), detail.c_str());
+    ClearReserved(request->offset, request->length);
+    return AE_READ_NOT_SERVED;
 }
 
 AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request,

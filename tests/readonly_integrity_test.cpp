@@ -47,6 +47,24 @@ TEST_F(IntegrityTest, UnalignedFetchAndReadAheadSizesStillFetchWholeSectors) {
     }
 }
 
+// The sector table's invariant: whatever shape deliveries, rewrites and
+// host writes have, no sector's valid length exceeds one slot.
+TEST_F(IntegrityTest, NoSectorsValidLengthExceedsOneSlot) {
+    MakeRemote(6 * kSector + 123);
+    auto store = ReadOnly();
+    // Pieces that start inside a sector and run over several, rewrites that
+    // grow a short sector past its end, and the file's short last sector.
+    ASSERT_EQ(Deliver(*store, 0, 100), AE_OK);
+    ASSERT_EQ(Deliver(*store, 50, 3 * kSector), AE_OK);
+    ASSERT_EQ(Deliver(*store, 4 * kSector, Size() - 4 * kSector), AE_OK);
+    EXPECT_TRUE(ReadonlyCachePeer::EveryLengthWithinOneSlot(*store));
+    // Host writes that straddle sectors, present or not.
+    ASSERT_EQ(Write(*store, nullptr, Size(), kSector - 10, Pattern(kSector + 20, 'w')), AE_OK);
+    ASSERT_EQ(Write(*store, nullptr, Size(), 3 * kSector + 7, Pattern(2 * kSector, 'x')), AE_OK);
+    EXPECT_TRUE(ReadonlyCachePeer::EveryLengthWithinOneSlot(*store));
+    EXPECT_TRUE(ReadsRemote(*store, 0, kSector - 10, nullptr));
+}
+
 TEST_F(IntegrityTest, PiecesLandAtTheirPlaceInsidePresentSectors) {
     MakeRemote(4 * kSector);
     auto store = ReadOnly();

@@ -32,6 +32,14 @@ class ReadonlyCachePeer {
         for (const auto& [key, sector] : store.sectors) copy.emplace(key, sector);
         return copy;
     }
+    // True when no sector claims more than one slot: the sector table's
+    // invariant that every valid length is at most kSectorSize.
+    static bool EveryLengthWithinOneSlot(ReadonlyCache& store) {
+        for (const auto& [key, sector] : Sectors(store)) {
+            if (sector.length > kSectorSize) return false;
+        }
+        return true;
+    }
     // Queues `slot` as free, as eviction would.
     static void AddFreeSlot(ReadonlyCache& store, long long slot) {
         ExclusiveLock guard(store.lock);
