@@ -23,13 +23,7 @@ constexpr long long kDefaultWriteTimeoutMs = 10000;
 }  // namespace
 
 AERROR ReadonlyCache::Write(_WRITEDATA* request) {
-    const void* buffer = request->buffer;
-    Log(LL_INFO, "[%s] Write : %p, %lld, %d", buffer, request->offset,
-        static_cast<int>(request->length));
-    if (!IsValidTransfer(request->offset, request->length, buffer)) {
-        Log(LL_ERROR, "[%s] Write failed : invalid request");
-        return AE_WRITE_FAILED;
-    }
+    if (!displayName.AcceptWrite(*request)) return AE_WRITE_FAILED;
     if (request->timeout == 0) request->timeout = kDefaultWriteTimeoutMs;
 
     ExclusiveLock guard(lock);
@@ -38,8 +32,8 @@ AERROR ReadonlyCache::Write(_WRITEDATA* request) {
     if (total < 0) return AE_WRITE_FAILED;
     request->transferred = total;
     if (request->offset + total > fileSize) fileSize = request->offset + total;
-    Log(LL_INFO, "[%s] Write done : %p, %lld, %d/%d", buffer, request->offset,
-        static_cast<int>(request->length), static_cast<int>(total));
+    Log(LL_INFO, "[%s] Write done : %p, %lld, %d/%d", static_cast<const void*>(request->buffer),
+        request->offset, static_cast<int>(request->length), static_cast<int>(total));
     return AE_OK;
 }
 

@@ -89,13 +89,8 @@ AERROR WritableCache::Read(_READDATA* request) {
 }
 
 AERROR WritableCache::Write(_WRITEDATA* request) {
+    if (!displayName.AcceptWrite(*request)) return AE_WRITE_FAILED;
     const void* buffer = request->buffer;
-    Log(LL_INFO, "[%s] Write : %p, %lld, %d", buffer, request->offset,
-        static_cast<int>(request->length));
-    if (!IsValidTransfer(request->offset, request->length, buffer)) {
-        Log(LL_ERROR, "[%s] Write failed : invalid request");
-        return AE_WRITE_FAILED;
-    }
     const long long offset = request->offset;
     const long long end = offset + request->length;
     const long long first = SectorOf(offset);
