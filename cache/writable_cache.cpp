@@ -101,20 +101,7 @@ AERROR WritableCache::Write(_WRITEDATA* request) {
     std::deque<long long> unlisted;
     {
         std::lock_guard<std::mutex> guard(lock);
-        const bool wholeFile = offset == 0 && end == request->fileSize;
-        if (request->fetch != nullptr && !wholeFile && !missing.empty()) {
-            // Read-modify-write: only a partly covered head or tail sector
-            // needs the remote's bytes around the written ones.
-            const long long last = request->length > 0 ? SectorOf(end - 1) : first;
-            std::deque<long long> partial;
-            if (IsMissingNoLock(first) && (first < offset || end < first + kSectorSize)) {
-                partial.push_back(first);
-            }
-            if (last != first && IsMissingNoLock(last) && end < last + kSectorSize) {
-                partial.push_back(last);
-            }
-            if (!partial.empty()) FetchEmptySectors(partial, request->fetch, request->handle);
-        }
+        FetchPartialSectorsNoLock(request);
         unlisted = MissingInNoLock(first, end);
         RemoveMissingNoLock(first, end);
     }
@@ -149,6 +136,25 @@ AERROR WritableCache::Write(_WRITEDATA* request) {
     Log(LL_INFO, "[%s] Write done : %p, %lld, %d/%d", buffer, offset,
         static_cast<int>(request->length), static_cast<int>(request->transferred));
     return AE_OK;
+}
+
+void WritableCache::FetchPartialSectorsNoLock(const _WRITEDATA* request) {
+    const long long offset = request->offset;
+    const long long end = offset + request->length;
+    const bool wholeFile = offset == 0 && end == request->fileSize;
+    if (request->fetch == nullptr || wholeFile || missing.empty()) return;
+    // Only a partly covered head or tail sector needs the remote's bytes
+    // around the written ones.
+    const long long first = SectorOf(offset);
+    const long long last = request->length > 0 ? SectorOf(end - 1) : first;
+    std::deque<long long> partial;
+    if (IsMissingNoLock(first) && (first < offset || end < first + kSectorSize)) {
+        partial.push_back(first);
+    }
+    if (last != first && IsMissingNoLock(last) && end < last + kSectorSize) {
+        partial.push_back(last);
+    }
+    if (!partial.empty()) FetchEmptySectors(partial, request->fetch, request->handle);
 }
 
 AERROR WritableCache::Reserve(long long, long long) {
