@@ -349,6 +349,21 @@ class ReadonlyCache : public ICacheFile, public IFetchCallback {
     // atomic, so `lock` may be held shared.
     long long ScanWindowNoLock(long long first, long long end, SectorTable::iterator entry,
                                std::vector<long long>* missing) REQUIRES_SHARED(lock);
+    // One transfer of a copy: the bytes of consecutive sectors whose slots
+    // lie back to back in the cache file.
+    struct CopySpan {
+        long long start = 0;  // where in the cache file
+        long long bytes = 0;
+        bool gap = false;  // it stopped at a sector not cached or lacking its tail
+    };
+    // The next span of a copy from the sector at `cur` (`entry` its map
+    // entry), at most `wanted` bytes, counting a read of each sector in it;
+    // `entry` and `cur` move past it. It stops at a sector not cached
+    // (without a fetcher a reserved one holds no data yet either) and after
+    // one that lacks its tail.
+    CopySpan NextSpanNoLock(const _READDATA* request, long long wanted,
+                            SectorTable::iterator& entry, long long& cur,
+                            std::chrono::steady_clock::time_point now) REQUIRES_SHARED(lock);
     // Copies the request's range out of the cache file, counting a read of
     // each sector at `now`; `entry` is the map's lower bound of the range's
     // first sector. REQUIRES: every sector of the range present unless the

@@ -261,6 +261,34 @@ AERROR ReadonlyCache::ReadTimedOut(const _READDATA* request, const ReadProgress&
     return AE_READ_NOT_SERVED;
 }
 
+ReadonlyCache::CopySpan ReadonlyCache::NextSpanNoLock(const _READDATA* request, long long wanted,
+                                                      SectorTable::iterator& entry, long long& cur,
+                                                      std::chrono::steady_clock::time_point now) {
+    const long long first = SectorOf(request->offset);
+    CopySpan span;
+    for (bool empty = true; span.bytes < wanted; ++entry, cur += kSectorSize, empty = false) {
+        if (entry == sectors.end() || entry->first != cur || entry->second.reserved) {
+            span.gap = true;
+            break;
+        }
+        _SECTOR& sector = entry->second;
+        const long long fileOffset =
+            sector.offset + (cur == first ? request->offset % kSectorSize : 0);
+        if (!empty && fileOffset != span.start + span.bytes) break;
+        if (empty) span.start = fileOffset;
+        span.bytes +=
+            std::clamp(sector.offset + sector.length - fileOffset, 0LL, wanted - span.bytes);
+        SectorHit(sector, now);
+        if (!IsCompleteNoLock(cur, sector)) {
+            // Its bytes are the remote's, but the next ones are not here.
+            span.gap = true;
+            cur += kSectorSize;
+            break;
+        }
+    }
+    return span;
+}
+
 AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request,
                                         std::chrono::steady_clock::time_point now,
                                         SectorTable::iterator entry) {
@@ -273,37 +301,10 @@ AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request,
     long long total = 0;
     long long cur = first;
     for (;;) {
-        // One transfer covers the following sectors whose slots lie back to
-        // back in the cache file; each of them counts a read. It stops at a
-        // sector not cached (without a fetcher a reserved one holds no data
-        // yet either) and after one that lacks its tail.
-        long long spanStart = 0;
-        long long spanBytes = 0;
-        bool gap = false;
-        for (bool empty = true; total + spanBytes < length;
-             ++entry, cur += kSectorSize, empty = false) {
-            if (entry == sectors.end() || entry->first != cur || entry->second.reserved) {
-                gap = true;
-                break;
-            }
-            _SECTOR& sector = entry->second;
-            const long long fileOffset =
-                sector.offset + (cur == first ? request->offset % kSectorSize : 0);
-            if (!empty && fileOffset != spanStart + spanBytes) break;
-            if (empty) spanStart = fileOffset;
-            spanBytes += std::clamp(sector.offset + sector.length - fileOffset, 0LL,
-                                    length - total - spanBytes);
-            SectorHit(sector, now);
-            if (!IsCompleteNoLock(cur, sector)) {
-                // Its bytes are the remote's, but the next ones are not here.
-                gap = true;
-                cur += kSectorSize;
-                break;
-            }
-        }
+        const CopySpan span = NextSpanNoLock(request, length - total, entry, cur, now);
         size_t done = 0;
-        if (!ReadAt(file.Stream(), spanStart, request->buffer + total,
-                    static_cast<size_t>(spanBytes), &done)) {
+        if (!ReadAt(file.Stream(), span.start, request->buffer + total,
+                    static_cast<size_t>(span.bytes), &done)) {
             const int error = errno;
             Log(LL_ERROR, "[%s] ReadFile failed : %s", strerror(error));
             return AE_READ_FAILED;
@@ -311,8 +312,8 @@ AERROR ReadonlyCache::CopySectorsNoLock(_READDATA* request,
         total += static_cast<long long>(done);
         // Done; or a slot cut short (the cache file was truncated), after
         // which bytes would land at the wrong place in the buffer.
-        if (total >= length || static_cast<long long>(done) < spanBytes) break;
-        if (gap) {
+        if (total >= length || static_cast<long long>(done) < span.bytes) break;
+        if (span.gap) {
             if (request->fetch == nullptr) break;  // a partial read is a success
             Log(LL_ERROR, "[%s] Read failed : Sector %lld not found on sector hash", cur);
             return AE_READ_NOT_SERVED;
