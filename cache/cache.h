@@ -33,6 +33,30 @@
 
 // Result codes. Operations return them; constructors and JSON lookups throw
 // them as exception objects.
+//
+// Which operations return each result code (besides AE_OK):
+//   AE_NOT_FOUND          ICacheObj operations without a store (Close
+//                         aside); ICache::Open (thrown), Close, Rehash and
+//                         SetConfiguration for a null argument; InitCache
+//                         and ReleaseCache for a null argument
+//   AE_READ_NOT_SERVED    Read: a needed sector vanished, a fetch failed, or
+//                         the wait timed out
+//   AE_TRUNCATE_FAILED    Truncate of a read-only store
+//   AE_HANDLE_CLOSED      Read of a read-only store, the handle closed
+//   AE_LIMIT_TOO_SMALL    ICache::SetLimit
+//   AE_INVALID_MODE       ICache::Open (thrown), ICacheObj::SetMode
+//   AE_CREATE_DIRECTORY_FAILED  InitCache
+//   AE_CREATE_FILE_FAILED ICache::Open and ICacheObj::SetMode (thrown)
+//   AE_INVALID_HANDLE     Read, Write, Reserve, Truncate on a closed store;
+//                         ICache::Rehash of an unknown name
+//   AE_NOT_ALIGNED        Reserve; a fetcher's piece refused by FetchWrite
+//   AE_WRITE_FAILED       Write (failure, time-out, closed handle, vanished
+//                         sector); Truncate of a writable store; FetchWrite
+//   AE_READ_FAILED        Read: an invalid request or the cache file
+//                         unreadable
+//   AE_FETCH_QUEUED       internal only: never returned to a host
+//   AE_NOTHING_RESERVED   Reserve
+//   AE_INVALID_CONFIG     ICache::SetConfiguration
 enum AERROR : int32_t {
     AE_OK = 0,
     // Nothing to act on: a cache object without a store, a null
@@ -93,8 +117,9 @@ inline RD_FLAGS operator&(RD_FLAGS a, RD_FLAGS b) {
 }
 
 // The host's handle of an open remote file, shared between host and library.
-// A state above 3 means the host closed it: waiting reads, writes and fetch
-// jobs give up when they see it.
+// A state above 3 means the host closed it (IsClosedState): waiting reads,
+// writes and fetch jobs give up when they see it. The host changes `state`
+// on its own threads; the library reads it atomically.
 struct _FS_HANDLE {
     int32_t state;
     int64_t data;
@@ -102,6 +127,14 @@ struct _FS_HANDLE {
     int64_t hostReserved1;  // the host's own; never touched by the library
     int64_t hostReserved2;  // the host's own; never touched by the library
 };
+
+// The state a host stores in _FS_HANDLE::state to close the handle.
+inline constexpr int32_t kHandleClosedState = 4;
+
+// True when a handle in `state` is closed: any state above 3.
+inline bool IsClosedState(int32_t state) {
+    return state >= kHandleClosedState;
+}
 
 class IFetch;
 
@@ -241,33 +274,94 @@ protected:
     ~ICacheIO() = default;
 };
 
-// One opened remote file. Any host thread may call any operation; Close
-// comes last.
+// One opened remote file, shared between the host and the cache's table
+// (ICache::Open hands out shared ownership). Any host thread may call any
+// operation at any time; Close comes last. The object owns one store at a
+// time: a sparse read-only one (mode 'r') or a dense writable copy ('w').
 class ICacheObj : public ICacheIO {
 public:
+    // ICacheIO::Read, served by the current store: 0 with
+    // request->transferred set; AE_NOT_FOUND without a store or for a null
+    // request; otherwise the store's failure (AE_READ_NOT_SERVED,
+    // AE_HANDLE_CLOSED, AE_INVALID_HANDLE, AE_READ_FAILED). The record is
+    // the caller's and is only used during the call; a read with a fetcher
+    // may block until the data arrives or request->timeout passes.
+    // ICacheIO::Write, the same way: 0 with request->transferred set, and
+    // request->fileSize receives the store's size afterwards (also after a
+    // failure); AE_NOT_FOUND without a store; AE_WRITE_FAILED,
+    // AE_INVALID_HANDLE.
+
+    // Switches the store to `mode`: 'r' rebuilds a writable copy into a
+    // read-only store, 'w' drops a read-only store for a fresh writable one
+    // of `fileSize` bytes filled through `fetch` (which is not kept); a
+    // closed object gets a fresh store of the mode; a store already of the
+    // mode is kept and `fileSize` and `fetch` are ignored. 0, or
+    // AE_INVALID_MODE (nothing changed) for any other mode. A store that
+    // cannot be created throws its AERROR (AE_CREATE_FILE_FAILED) and the
+    // object keeps the store it had.
     virtual AERROR SetMode(char mode, long long fileSize, IFetch* fetch) = 0;
+    // Announces that the host will fetch [offset, offset + length) itself:
+    // 0 when at least one sector is newly reserved, AE_NOTHING_RESERVED when
+    // none (cached, being fetched, or the range invalid or larger than the
+    // disk), AE_NOT_ALIGNED when `offset` lies inside an absent sector,
+    // AE_INVALID_HANDLE when the store is closed, AE_NOT_FOUND without a
+    // store. A writable store reserves nothing and returns 0.
     virtual AERROR Reserve(long long offset, long long length) = 0;
+    // Gives up the reservations the range touches: 0 (AE_NOT_FOUND without
+    // a store).
     virtual AERROR ClearReserved(long long offset, long long length) = 0;
+    // Sets the cache file's size: 0; AE_TRUNCATE_FAILED (read-only) or
+    // AE_WRITE_FAILED (writable) when the file system refuses;
+    // AE_INVALID_HANDLE when closed; AE_NOT_FOUND without a store.
     virtual AERROR Truncate(long long size) = 0;
+    // Fetches every sector a writable copy still lacks, through `fetch`
+    // (not kept), before returning: 0 (also for a read-only store, which has
+    // nothing to fill); AE_NOT_FOUND without a store.
     virtual AERROR FillEmptySectors(IFetch* fetch) = 0;
+    // The object's hash index text (its name, or Rehash's `newName`). The
+    // object owns it; it stays valid for the object's life.
     virtual const char* GetHashIndex() = 0;
+    // Closes and drops the store; later requests answer AE_NOT_FOUND until
+    // SetMode attaches a new one. Calling it again does nothing. The object
+    // itself ends with its last shared owner.
     virtual void Close() = 0;
 
 protected:
     ~ICacheObj() = default;
 };
 
-// One cache directory. Open throws an AERROR when the object cannot be
-// created; every other operation returns its result.
+// One cache directory, created by InitCache and owned by the library until
+// ReleaseCache. Any host thread may call any operation.
 class ICache {
 public:
+    // The storage limit in bytes (at least 64 MiB, at most what the disk
+    // gives); negative for a limit set beyond the largest signed value.
     virtual long long GetLimit() = 0;
+    // Always 0.
     virtual long long GetUsedBytes() = 0;
+    // Sets the storage limit: 0, or AE_LIMIT_TOO_SMALL below 64 MiB with the
+    // limit unchanged. A limit beyond what the disk gives is lowered.
     virtual AERROR SetLimit(unsigned long long bytes) = 0;
+    // The object of remote file `name` (exact text), shared with the cache's
+    // table. When `name` is not open yet a new object is created in `mode`
+    // ('r' or 'w') for a file of `fileSize` bytes, a writable one filled
+    // through `fetch` (not kept); for an open name the three are ignored.
+    // Throws an AERROR when the object cannot be created: AE_INVALID_MODE,
+    // AE_CREATE_FILE_FAILED, or AE_NOT_FOUND for a null name. After a
+    // failure Open of that name returns null until Close(name).
     virtual std::shared_ptr<ICacheObj> Open(const char* name, char mode, long long fileSize,
                                             IFetch* fetch) = 0;
+    // Drops the table's reference to `name`'s object; the host's references
+    // keep it working. 0, also for an unknown name; AE_NOT_FOUND for null.
     virtual AERROR Close(const char* name) = 0;
+    // After the remote file `name` was renamed: moves its object to the key
+    // `newName` (replacing any object there), makes `newName` its hash index
+    // and `newFileName` the name its log lines show. 0; AE_INVALID_HANDLE
+    // when `name` holds no object; AE_NOT_FOUND when an argument is null.
     virtual AERROR Rehash(const char* name, const char* newName, const char* newFileName) = 0;
+    // Applies a JSON configuration text: 0; AE_NOT_FOUND for null;
+    // AE_INVALID_CONFIG when it is not JSON (nothing changed) or cannot be
+    // applied.
     virtual AERROR SetConfiguration(const char* jsonText) = 0;
 
 protected:

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <regex>
 #include <vector>
 
 #include "cache/file_io.h"
@@ -36,17 +35,15 @@ int CacheDirectory::Attributes(const std::string& name) const {
 }
 
 CacheFileName CacheDirectory::NameFile(const std::string& name) const {
-    static const std::regex colon(":");
-    static const std::regex dot("\\.");
     CacheFileName result;
-    const std::vector<std::string> parts = split(name, colon);
+    const std::vector<std::string> parts = split(name, ':');
     result.displayName = parts.size() > 1 ? parts[1] : name;
 
     std::string fileName = result.displayName;
     for (char& c : fileName) {
         if (c == '/') c = '_';
     }
-    const std::vector<std::string> pieces = split(fileName, dot);
+    const std::vector<std::string> pieces = split(fileName, '.');
     std::string base;
     for (size_t i = 0; i + 1 < pieces.size(); ++i) {
         if (i > 0) base += ".";

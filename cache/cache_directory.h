@@ -25,7 +25,7 @@ namespace cache {
 
 // A cache file a store created, as it identifies it for deletion.
 struct CacheFileName {
-    std::string displayName;  // the remote name after the ':' cut; printed as [%s]
+    std::string displayName;  // printed as [%s]; see CreateFile
     std::string fileName;     // the entry in the cache directory; empty for none
     dev_t device = 0;         // identity of the file created under fileName
     ino_t inode = 0;
@@ -45,11 +45,13 @@ class CacheDirectory {
     ~CacheDirectory();
 
     // Names and creates the cache file for remote `name` and fills *chosen.
-    // The display name is the part after the first ':' when there is one;
-    // the file is the first of name, base[0].ext, base[1].ext, ... that does
-    // not exist, with every '/' turned into '_' so it is always an entry of
-    // this directory. The file is created exclusively, readable and writable
-    // by the user only, and never through a symbolic link: what already
+    // The display name is the piece between the first and the second ':'
+    // (up to the end when there is no second) when the name holds a ':',
+    // else the whole name; the file name is the display name with every '/'
+    // turned into '_', so it is always an entry of this directory, or,
+    // while that exists, base[0].ext, base[1].ext, ..., where ext is the
+    // last '.'-separated piece and base the pieces before it. The file is created exclusively,
+    // readable and writable by the user only, and never through a symbolic link: what already
     // stands at the chosen name (a planted link, FIFO or file) is never
     // opened or truncated, and creation fails. When another store creates
     // the same file first, the next free name is taken. Null on failure

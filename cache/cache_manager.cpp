@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <regex>
 #include <string>
 #include <utility>
 
@@ -92,8 +91,7 @@ std::string Cache::MakeDirectories(const std::string& path) {
     // An empty text names no directory, as mkdir("") would report.
     if (path.empty()) throw AE_CREATE_DIRECTORY_FAILED;
     std::string built = "/";
-    static const std::regex slash("\\/");
-    for (const std::string& piece : split(path, slash)) {
+    for (const std::string& piece : split(path, '/')) {
         if (piece.empty()) continue;
         built += piece;
         built += '/';
@@ -119,8 +117,7 @@ std::shared_ptr<ICacheObj> Cache::Open(const char* name, char mode, long long fi
     // The entry goes in before the object is built and stays empty when the
     // construction throws.
     std::shared_ptr<CacheObj>& entry = table[key];
-    static const std::regex backslash("\\\\");
-    const std::string baseName = split(key, backslash).back();
+    const std::string baseName = split(key, '\\').back();
     entry = std::make_shared<CacheObj>(CurrentDirectoryNoLock(), baseName, mode, fileSize, fetch,
                                        settings, key);
     return entry;

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "cache/bindings.h"
+#include "cache/file_io.h"
 
 namespace cache {
 
@@ -38,6 +39,17 @@ class DisplayName {
         if (log == nullptr) return;
         const std::shared_ptr<const std::string> name = Get();
         __LOG__A(log, level | LL_CACHE, format, name->c_str(), args...);
+    }
+
+    // Logs the arrival of a host write on the store of this name and, when
+    // its range or buffer is invalid (IsValidTransfer), its refusal. True
+    // when the store may go on with it.
+    bool AcceptWrite(const _WRITEDATA& request) const {
+        Log(LL_INFO, "[%s] Write : %p, %lld, %d", static_cast<const void*>(request.buffer),
+            request.offset, static_cast<int>(request.length));
+        if (IsValidTransfer(request.offset, request.length, request.buffer)) return true;
+        Log(LL_ERROR, "[%s] Write failed : invalid request");
+        return false;
     }
 
     void Set(std::string text) {

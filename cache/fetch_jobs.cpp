@@ -38,11 +38,15 @@ constexpr long long kLargeFetchChunk = WholeSectors(0x6666666);
 
 }  // namespace
 
-AERROR SyncFetch::FetchWrite(long long offset, const char* data, long length, long* written) {
+// A SyncFetch only exists inside a job run on the thread that posted it,
+// which holds the owner's lock (QueueAsync without a queue); the analysis
+// cannot see that hold across the host's fetcher.
+AERROR SyncFetch::FetchWrite(long long offset, const char* data, long length,
+                             long* written) NO_THREAD_SAFETY_ANALYSIS {
     return owner->FetchWriteNoLock(offset, data, length, written);
 }
 
-void SyncFetch::ClearReserved(long long offset, long long length) {
+void SyncFetch::ClearReserved(long long offset, long long length) NO_THREAD_SAFETY_ANALYSIS {
     owner->ClearReservedNoLock(offset, length);
 }
 
@@ -70,7 +74,7 @@ void AsyncFetch::Process(void* context) {
     SyncFetch direct(owner);
     const AERROR result = fetch->Fetch(offset, length, handle, Sink(context, &direct));
     // A closed handle explains a failure, so it is not reported.
-    if (result != AE_OK && HandleState(handle) < 4) {
+    if (result != AE_OK && !HandleClosed(handle)) {
         owner->Log(LL_ERROR, "[%s] Read-ahead failed : %lld, %d", offset, static_cast<int>(length));
     }
     // Whatever the fetcher left undelivered, failed or not, is released, so
@@ -114,8 +118,7 @@ void AsyncLargeFetch::Process(void* context) {
         : configured == 0 ? static_cast<unsigned long long>(kLargeFetchChunk)
                           : static_cast<unsigned long long>(WholeSectors(configured));
     const auto isCurrent = [this] {
-        return HandleState(handle) <= 3 &&
-               owner->largeFetch.load(std::memory_order_acquire) == this;
+        return !HandleClosed(handle) && owner->largeFetch.load(std::memory_order_acquire) == this;
     };
     long long position = offset;
     long long remaining = length;

@@ -9,6 +9,7 @@
 #include "cache/fetch_jobs.h"
 #include "cache/file_io.h"
 #include "cache/readonly_cache.h"
+#include "cache/sector_runs.h"
 
 namespace cache {
 
@@ -88,13 +89,8 @@ AERROR WritableCache::Read(_READDATA* request) {
 }
 
 AERROR WritableCache::Write(_WRITEDATA* request) {
+    if (!displayName.AcceptWrite(*request)) return AE_WRITE_FAILED;
     const void* buffer = request->buffer;
-    Log(LL_INFO, "[%s] Write : %p, %lld, %d", buffer, request->offset,
-        static_cast<int>(request->length));
-    if (!IsValidTransfer(request->offset, request->length, buffer)) {
-        Log(LL_ERROR, "[%s] Write failed : invalid request");
-        return AE_WRITE_FAILED;
-    }
     const long long offset = request->offset;
     const long long end = offset + request->length;
     const long long first = SectorOf(offset);
@@ -105,20 +101,7 @@ AERROR WritableCache::Write(_WRITEDATA* request) {
     std::deque<long long> unlisted;
     {
         std::lock_guard<std::mutex> guard(lock);
-        const bool wholeFile = offset == 0 && end == request->fileSize;
-        if (request->fetch != nullptr && !wholeFile && !missing.empty()) {
-            // Read-modify-write: only a partly covered head or tail sector
-            // needs the remote's bytes around the written ones.
-            const long long last = request->length > 0 ? SectorOf(end - 1) : first;
-            std::deque<long long> partial;
-            if (IsMissingNoLock(first) && (first < offset || end < first + kSectorSize)) {
-                partial.push_back(first);
-            }
-            if (last != first && IsMissingNoLock(last) && end < last + kSectorSize) {
-                partial.push_back(last);
-            }
-            if (!partial.empty()) FetchEmptySectors(partial, request->fetch, request->handle);
-        }
+        FetchPartialSectorsNoLock(request);
         unlisted = MissingInNoLock(first, end);
         RemoveMissingNoLock(first, end);
     }
@@ -153,6 +136,25 @@ AERROR WritableCache::Write(_WRITEDATA* request) {
     Log(LL_INFO, "[%s] Write done : %p, %lld, %d/%d", buffer, offset,
         static_cast<int>(request->length), static_cast<int>(request->transferred));
     return AE_OK;
+}
+
+void WritableCache::FetchPartialSectorsNoLock(const _WRITEDATA* request) {
+    const long long offset = request->offset;
+    const long long end = offset + request->length;
+    const bool wholeFile = offset == 0 && end == request->fileSize;
+    if (request->fetch == nullptr || wholeFile || missing.empty()) return;
+    // Only a partly covered head or tail sector needs the remote's bytes
+    // around the written ones.
+    const long long first = SectorOf(offset);
+    const long long last = request->length > 0 ? SectorOf(end - 1) : first;
+    std::deque<long long> partial;
+    if (IsMissingNoLock(first) && (first < offset || end < first + kSectorSize)) {
+        partial.push_back(first);
+    }
+    if (last != first && IsMissingNoLock(last) && end < last + kSectorSize) {
+        partial.push_back(last);
+    }
+    if (!partial.empty()) FetchEmptySectors(partial, request->fetch, request->handle);
 }
 
 AERROR WritableCache::Reserve(long long, long long) {
@@ -274,26 +276,7 @@ FILE* WritableCache::TakeStream(long long* size) {
 
 bool WritableCache::FetchEmptySectors(std::deque<long long>& sectors, IFetch* fetch,
                                       std::shared_ptr<_FS_HANDLE> handle) {
-    std::map<long long, long long> runs;  // start -> length
-    std::map<long long, long long> ends;  // end -> start, for the run ending at a sector
-    for (long long sector : sectors) {
-        auto after = runs.upper_bound(sector);
-        if (after != runs.begin()) {
-            auto run = std::prev(after);
-            if (run->first + run->second > sector) continue;  // listed twice
-        }
-        auto joined = ends.find(sector);
-        if (joined != ends.end()) {
-            const long long start = joined->second;
-            ends.erase(joined);
-            runs[start] += kSectorSize;
-            ends.emplace(sector + kSectorSize, start);
-        } else {
-            runs.emplace(sector, kSectorSize);
-            ends.emplace(sector + kSectorSize, sector);
-        }
-    }
-    return FetchRunsNoLock(runs, fetch, handle);
+    return FetchRunsNoLock(RunsOf(sectors), fetch, handle);
 }
 
 bool WritableCache::FetchRunsNoLock(const std::map<long long, long long>& runs, IFetch* fetch,

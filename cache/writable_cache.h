@@ -128,6 +128,10 @@ class WritableCache : public ICacheFile, public IFetchCallback {
     // The missing sectors that start in [first, end), ascending.
     // REQUIRES: `lock` held.
     std::deque<long long> MissingInNoLock(long long first, long long end) const;
+    // Read-modify-write: fetches the head and tail sectors of the request's
+    // range that it covers only partly and that are still missing, unless
+    // it has no fetcher or covers the whole file. REQUIRES: `lock` held.
+    void FetchPartialSectorsNoLock(const _WRITEDATA* request);
     // Runs SyncFetchForWritableCache for each run (start -> length) in
     // ascending order, regardless of failures; true when none failed.
     // REQUIRES: `lock` held.

@@ -3,7 +3,6 @@
 #include <codecvt>
 #include <cstdlib>
 #include <locale>
-#include <regex>
 #include <stdexcept>
 #include <utility>
 
@@ -21,9 +20,8 @@ std::shared_ptr<json_t> Own(json_t* value) {
 // The value named by `path` below `start`, or null.
 json_t* Lookup(json_t* start, const char* path) {
     if (path == nullptr) return nullptr;
-    static const std::regex kSeparator("/");
     json_t* current = start;
-    for (const std::string& piece : split(path, kSeparator)) {
+    for (const std::string& piece : split(path, '/')) {
         if (current == nullptr) break;
         if (!piece.empty()) current = json_object_get(current, piece.c_str());
     }

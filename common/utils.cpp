@@ -108,6 +108,19 @@ std::vector<std::wstring> split(const std::wstring& text, const std::wregex& pat
     return SplitText(text, pattern);
 }
 
+std::vector<std::string> split(const std::string& text, char separator) {
+    std::vector<std::string> pieces;
+    size_t start = 0;
+    for (size_t found; (found = text.find(separator, start)) != std::string::npos;
+         start = found + 1) {
+        pieces.push_back(text.substr(start, found - start));
+    }
+    // As with an expression, a trailing separator adds no empty piece.
+    if (start < text.size()) pieces.push_back(text.substr(start));
+    if (pieces.empty()) pieces.emplace_back();
+    return pieces;
+}
+
 std::string string_format(std::string format, ...) {
     // A truncated attempt reports the length it needed, so the retry gets
     // exactly that; a failed one (-1) retries with twice the size, up to

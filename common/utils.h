@@ -1,5 +1,5 @@
 // Text helpers shared by the whole library: splitting at a regular
-// expression, printf-style formatting into a string, replacing text, and the
+// expression or at one character, printf-style formatting into a string, replacing text, and the
 // file-system wildcard matcher used for file names.
 //
 // Every function is free of shared state and may be called from any thread.
@@ -25,6 +25,9 @@ namespace cache {
 // empty and callers may take front() or back().
 std::vector<std::string> split(const std::string& text, const std::regex& pattern);
 std::vector<std::wstring> split(const std::wstring& text, const std::wregex& pattern);
+// The same pieces as the expression matching just `separator` gives,
+// without a regular expression.
+std::vector<std::string> split(const std::string& text, char separator);
 
 // Formats the variable arguments printf-style according to `format` and
 // returns the whole result, however long. The compiler cannot check the

@@ -68,7 +68,7 @@ AERROR FileFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
     const long long end = std::min(offset + length, size_);
     std::vector<char> piece;
     for (long long position = offset; position < end;) {
-        if ((handle && handle->state > 3) || Stopped()) return AE_HANDLE_CLOSED;
+        if ((handle && IsClosedState(handle->state)) || Stopped()) return AE_HANDLE_CLOSED;
         const long long pieceEnd = std::min(end, (position / kPieceSize + 1) * kPieceSize);
         const size_t count = static_cast<size_t>(pieceEnd - position);
         piece.resize(count);

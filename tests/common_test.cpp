@@ -267,6 +267,11 @@ TEST(UtilsTest, SplitFormatReplaceAndAscii) {
     for (const auto& c : cases) {
         EXPECT_EQ(c.pieces, split(c.text, std::regex(c.pattern))) << c.text;
     }
+    // Splitting at one character gives what the expression of that
+    // character gives.
+    for (const char* text : {"a//b", "/a/b", "a/", "/", "//", "abc", "", "a/b/"}) {
+        EXPECT_EQ(split(text, std::regex("/")), split(text, '/')) << text;
+    }
     EXPECT_EQ((std::vector<std::wstring>{L"x", L"y\u00e9"}),
               split(std::wstring(L"x\\y\u00e9"), std::wregex(L"\\\\")));
 

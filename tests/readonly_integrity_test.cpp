@@ -47,6 +47,24 @@ TEST_F(IntegrityTest, UnalignedFetchAndReadAheadSizesStillFetchWholeSectors) {
     }
 }
 
+// The sector table's invariant: whatever shape deliveries, rewrites and
+// host writes have, no sector's valid length exceeds one slot.
+TEST_F(IntegrityTest, NoSectorsValidLengthExceedsOneSlot) {
+    MakeRemote(6 * kSector + 123);
+    auto store = ReadOnly();
+    // Pieces that start inside a sector and run over several, rewrites that
+    // grow a short sector past its end, and the file's short last sector.
+    ASSERT_EQ(Deliver(*store, 0, 100), AE_OK);
+    ASSERT_EQ(Deliver(*store, 50, 3 * kSector), AE_OK);
+    ASSERT_EQ(Deliver(*store, 4 * kSector, Size() - 4 * kSector), AE_OK);
+    EXPECT_TRUE(ReadonlyCachePeer::EveryLengthWithinOneSlot(*store));
+    // Host writes that straddle sectors, present or not.
+    ASSERT_EQ(Write(*store, nullptr, Size(), kSector - 10, Pattern(kSector + 20, 'w')), AE_OK);
+    ASSERT_EQ(Write(*store, nullptr, Size(), 3 * kSector + 7, Pattern(2 * kSector, 'x')), AE_OK);
+    EXPECT_TRUE(ReadonlyCachePeer::EveryLengthWithinOneSlot(*store));
+    EXPECT_TRUE(ReadsRemote(*store, 0, kSector - 10, nullptr));
+}
+
 TEST_F(IntegrityTest, PiecesLandAtTheirPlaceInsidePresentSectors) {
     MakeRemote(4 * kSector);
     auto store = ReadOnly();
@@ -139,7 +157,7 @@ TEST_F(IntegrityTest, WholeFileReadsEndWithinTheirTimeOut) {
         while (!returned && std::chrono::steady_clock::now() < deadline) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        std::atomic_ref<int32_t>(handle->state).store(4);
+        testhost::MarkClosed(handle);
     });
     const auto failed = readAll(0, 1000, 300, handle);
     returned = true;
@@ -154,7 +172,7 @@ TEST_F(IntegrityTest, AReadWhoseHandleWasClosedAnswers28WhateverFailedFirst) {
     // No queue: the fetch runs inside the read and gives up on the closed
     // handle before the read starts waiting; its sectors are gone by then.
     auto closed = testhost::OpenHandle();
-    closed->state = 4;
+    testhost::MarkClosed(closed);
     EXPECT_EQ(Read(*store, fetch.get(), Size(), 0, 1000, 2000, closed).error, AE_HANDLE_CLOSED);
     EXPECT_TRUE(log.HasText("[remote.bin] Read failed : Handle closed before return"));
     EXPECT_TRUE(ReadonlyCachePeer::Sectors(*store).empty());

@@ -200,7 +200,7 @@ TEST_F(ReadonlyTest, FailedFetchTimeOutAndClosedHandleReleaseTheRange) {
     log.Clear();
     fetch->SetGate(false);
     auto handle = testhost::OpenHandle();
-    std::atomic_ref<int32_t>(handle->state).store(4);
+    testhost::MarkClosed(handle);
     EXPECT_EQ(Read(*store, fetch.get(), Size(), 0, 100, 20000, handle).error, AE_HANDLE_CLOSED);
     EXPECT_TRUE(log.HasText("[remote.bin] Read failed : Handle closed before return"));
     sectors = ReadonlyCachePeer::Sectors(*store);

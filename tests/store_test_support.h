@@ -27,23 +27,31 @@ class ReadonlyCachePeer {
   public:
     // A copy of the sector map, in key order.
     static std::map<long long, _SECTOR> Sectors(ReadonlyCache& store) {
-        std::lock_guard<std::shared_mutex> guard(store.lock);
+        ExclusiveLock guard(store.lock);
         std::map<long long, _SECTOR> copy;
         for (const auto& [key, sector] : store.sectors) copy.emplace(key, sector);
         return copy;
     }
+    // True when no sector claims more than one slot: the sector table's
+    // invariant that every valid length is at most kSectorSize.
+    static bool EveryLengthWithinOneSlot(ReadonlyCache& store) {
+        for (const auto& [key, sector] : Sectors(store)) {
+            if (sector.length > kSectorSize) return false;
+        }
+        return true;
+    }
     // Queues `slot` as free, as eviction would.
     static void AddFreeSlot(ReadonlyCache& store, long long slot) {
-        std::lock_guard<std::shared_mutex> guard(store.lock);
-        store.emptySlots.push_back(slot);
+        ExclusiveLock guard(store.lock);
+        store.file.Free(slot);
     }
     // Drops the sector at `key` and queues its slot as free, as eviction
     // does; the slot keeps the sector's bytes until it is reused.
     static void Evict(ReadonlyCache& store, long long key) {
-        std::lock_guard<std::shared_mutex> guard(store.lock);
+        ExclusiveLock guard(store.lock);
         const auto entry = store.sectors.find(key);
-        store.emptySlots.push_back(entry->second.offset);
-        store.EraseSectorNoLock(entry);
+        store.file.Free(entry->second.offset);
+        store.sectors.Erase(entry);
     }
 };
 
@@ -79,7 +87,7 @@ class TestFetcher final : public IFetch {
             changed_.wait_for(guard, kPatience, [&] { return open_; });
             --held_;
         }
-        if (cache::HandleState(handle) > 3) return AE_HANDLE_CLOSED;
+        if (cache::HandleClosed(handle)) return AE_HANDLE_CLOSED;
         if (offset < failTo && offset + length > failFrom) return AE_READ_FAILED;
         return remote.Fetch(offset, length, std::move(handle), sink);
     }

@@ -254,12 +254,6 @@ TEST_F(WritableTest, BadRequestsToEitherStoreAreRefused) {
 // sector ever claims more than one slot.
 TEST_F(ReadonlyWriteTest, WritesLandInTheirOwnSlotAndStayThere) {
     MakeRemote(40 * kSector);
-    const auto withinOneSlot = [](ReadonlyCache& store) {
-        for (const auto& [key, sector] : ReadonlyCachePeer::Sectors(store)) {
-            if (sector.length > kSector) return false;
-        }
-        return true;
-    };
     // Where slot and sector offset coincide the sector ends where the write
     // ends: 10 bytes at 5 make sector 0 hold 15.
     auto fresh = ReadOnly("fresh.bin");
@@ -278,7 +272,7 @@ TEST_F(ReadonlyWriteTest, WritesLandInTheirOwnSlotAndStayThere) {
         return Write(*store, nullptr, Size(), offset, bytes);
     };
     ASSERT_EQ(put(0, Pattern(100, 'h')), AE_OK);
-    EXPECT_TRUE(withinOneSlot(*store));
+    EXPECT_TRUE(ReadonlyCachePeer::EveryLengthWithinOneSlot(*store));
     EXPECT_EQ(Read(*store, fetch.get(), Size(), 0, kSector + 100).bytes,
               Slice(image, 0, kSector + 100));
 
@@ -302,7 +296,7 @@ TEST_F(ReadonlyWriteTest, WritesLandInTheirOwnSlotAndStayThere) {
     // starts at the end of a cached run does, leaves the written bytes alone.
     ASSERT_EQ(Deliver(*store, 0, 2 * kSector), AE_OK);
     EXPECT_EQ(Read(*store, fetch.get(), Size(), 0, 200).bytes, Slice(image, 0, 200));
-    EXPECT_TRUE(withinOneSlot(*store));
+    EXPECT_TRUE(ReadonlyCachePeer::EveryLengthWithinOneSlot(*store));
 }
 
 TEST_F(ReadonlyWriteTest, WriteFetchesMissingSectorsFirstOrGivesUp) {
@@ -340,7 +334,7 @@ TEST_F(ReadonlyWriteTest, WriteFetchesMissingSectorsFirstOrGivesUp) {
 
     // Sector 0 stays reserved: the next writer waits for the same fetch.
     auto handle = testhost::OpenHandle();
-    std::atomic_ref<int32_t>(handle->state).store(4);
+    testhost::MarkClosed(handle);
     EXPECT_EQ(Write(*store, fetch.get(), Size(), 20, Pattern(10, 'u'), 20000, handle),
               AE_WRITE_FAILED);
     EXPECT_EQ(log.WithFormat("[%s] Write handle closed : %p, %lld, %d").size(), 1u);

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <string>
@@ -30,6 +31,12 @@ using hostkit::ReadRange;
 using hostkit::ReadResult;
 using hostkit::UsageOf;
 using hostkit::WriteRandomFile;
+
+// Closes `handle` as a host does from another thread: its state goes above
+// 3, atomically.
+inline void MarkClosed(const std::shared_ptr<_FS_HANDLE>& handle) {
+    std::atomic_ref<int32_t>(handle->state).store(kHandleClosedState);
+}
 
 struct WriteResult {
     AERROR error = AE_OK;

@@ -124,7 +124,7 @@ TEST_F(WakeupTest, ClosedHandlesAndTimeOutsAreStillSeenByThePoll) {
             EXPECT_EQ(Read(*store, fetch.get(), Size(), 0, 100, -1, handle).error,
                       AE_HANDLE_CLOSED);
         },
-        [&] { std::atomic_ref<int32_t>(handle->state).store(4); });
+        [&] { testhost::MarkClosed(handle); });
     EXPECT_TRUE(log.HasText("[remote.bin] Read failed : Handle closed before return"));
     handle = testhost::OpenHandle();
     const double writeClosed = Latency(
@@ -132,7 +132,7 @@ TEST_F(WakeupTest, ClosedHandlesAndTimeOutsAreStillSeenByThePoll) {
             EXPECT_EQ(Write(*store, fetch.get(), Size(), 10, Pattern(10, 'c'), -1, handle),
                       AE_WRITE_FAILED);
         },
-        [&] { std::atomic_ref<int32_t>(handle->state).store(4); });
+        [&] { testhost::MarkClosed(handle); });
     EXPECT_EQ(log.WithFormat("[%s] Write handle closed : %p, %lld, %d").size(), 1u);
     // Seen within a poll period; loose for a loaded machine.
     EXPECT_LT(readClosed, 500);
