@@ -140,7 +140,7 @@ void OpenFiles::ReleaseTaken(std::unique_ptr<OpenHandle> handle) {
         if (file->writers == 0 && file->writing.load()) {
             spoilt = file->failure.load() != 0;
             if (spoilt || !file->dirty || file->removed) {
-                if (pending_ != nullptr) pending_->Forget(file->objectName);
+                ForgetPendingNoLock(*file);
             }
             if (!spoilt && (!file->dirty || file->removed)) {
                 // The server holds every byte of the copy: it serves reads again.
@@ -290,7 +290,19 @@ int OpenFiles::Truncate(OpenHandle* handle, long long size) {
 void OpenFiles::MarkDirtyNoLock(CachedFile& file) {
     if (file.dirty) return;
     file.dirty = true;
-    if (pending_ != nullptr) pending_->Record(file.objectName, tree_->PathOf(file.info.inode));
+    RecordPendingNoLock(file, tree_->PathOf(file.info.inode));
+}
+
+void OpenFiles::RecordPendingNoLock(CachedFile& file, const std::string& path) {
+    if (pending_ == nullptr || file.recordedPath == path) return;
+    pending_->Record(file.objectName, path);
+    file.recordedPath = path;
+}
+
+void OpenFiles::ForgetPendingNoLock(CachedFile& file) {
+    if (pending_ == nullptr || file.recordedPath.empty()) return;
+    pending_->Forget(file.objectName);
+    file.recordedPath.clear();
 }
 
 void OpenFiles::MarkWrittenNoLock(CachedFile& file) {
@@ -330,7 +342,7 @@ int OpenFiles::UploadNoLock(CachedFile& file) {
     if (!file.dirty || file.removed) return 0;
     const Inode inode = file.info.inode;
     const std::string path = tree_->PathOf(inode);
-    if (pending_ != nullptr) pending_->Record(file.objectName, path);
+    RecordPendingNoLock(file, path);
     const long long size = file.size.load();
     const std::shared_ptr<_FS_HANDLE> record = OpenRecord(inode);
     long long sent = 0;
@@ -370,7 +382,7 @@ int OpenFiles::UploadNoLock(CachedFile& file) {
     file.dirty = false;
     file.written = false;
     file.exclusive = false;
-    if (pending_ != nullptr) pending_->Forget(file.objectName);
+    ForgetPendingNoLock(file);
     // The next upload of this copy replaces what was just sent.
     file.etag = IsStrongEtag(response.etag) ? response.etag : std::string();
     NodeInfo now = tree_->Uploaded(inode, size);
@@ -397,7 +409,7 @@ void OpenFiles::GiveUpNoLock(CachedFile& file, const char* reason) {
                                piece.fileSize = file.size.load();
                                return file.object->Read(&piece) == AE_OK ? piece.transferred : -1;
                            });
-        pending_->Forget(file.objectName);
+        ForgetPendingNoLock(file);
     }
     if (saved.empty()) {
         log_->Error("Changes to /%s are lost: %s, and no copy could be saved", path.c_str(),
@@ -441,7 +453,7 @@ int OpenFiles::Remove(Inode inode, const std::function<int()>& remove) {
     if (const int error = remove(); error != 0) return error;
     file->dirty = false;
     file->removed = true;
-    if (pending_ != nullptr) pending_->Forget(file->objectName);
+    ForgetPendingNoLock(*file);
     std::lock_guard<std::mutex> guard(lock_);
     DetachNoLock(file);
     lastOpenedVersion_.erase(inode);

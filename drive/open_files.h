@@ -77,6 +77,9 @@ struct CachedFile {
     // first upload must not replace a file of that name.
     bool exclusive = false;
     std::string etag;  // GUARDED_BY(writeLock); the server's version the changes apply to
+    // GUARDED_BY(writeLock). The remote path the pending record of the copy
+    // holds; empty while there is no record.
+    std::string recordedPath;
 };
 
 // One open of a file by the kernel. Its handle record is the pattern each
@@ -169,6 +172,11 @@ class OpenFiles {
     int UploadNoLock(CachedFile& file);
     // REQUIRES: file.writeLock held. Notes changes the server lacks.
     void MarkDirtyNoLock(CachedFile& file);
+    // REQUIRES: file.writeLock held. Records that the copy holds changes to
+    // remote `path`; a record that already names `path` is left as it is.
+    void RecordPendingNoLock(CachedFile& file, const std::string& path);
+    // REQUIRES: file.writeLock held. Drops the pending record of the copy.
+    void ForgetPendingNoLock(CachedFile& file);
     // REQUIRES: file.writeLock held. Notes bytes written or a truncation
     // asked for: the file's modification time is now.
     void MarkWrittenNoLock(CachedFile& file);
