@@ -83,7 +83,7 @@ OpenFiles::~OpenFiles() {
     unused_.clear();
 }
 
-int OpenFiles::Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged) {
+int OpenFiles::Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged, bool emptied) {
     std::lock_guard<std::mutex> guard(lock_);
     std::shared_ptr<CachedFile>& slot = current_[info.inode];
     if (slot && slot->version < info.version && !slot->writing.load()) {
@@ -98,8 +98,8 @@ int OpenFiles::Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged) 
     if (!slot) {
         std::shared_ptr<CachedFile> file = MakeFile(info);
         try {
-            file->object =
-                cache_->Open(file->objectName.c_str(), 'r', info.size, file->fetcher.get());
+            file->object = cache_->Open(file->objectName.c_str(), emptied ? 'w' : 'r',
+                                        emptied ? 0 : info.size, file->fetcher.get());
         } catch (AERROR error) {
             log_->Error("Opening /%s in the cache failed: %s", info.path.c_str(),
                         hostkit::DescribeResult(error).c_str());

@@ -113,8 +113,10 @@ class OpenFiles {
     // already holds. `*unchanged` tells whether the previous open of the
     // file saw the same version (the kernel may then keep its cached
     // pages). Returns 0 and the open in `*opened`, which stays owned here
-    // until Release, or an errno value.
-    int Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged);
+    // until Release, or an errno value. `emptied`: the open truncates the
+    // file (BeginWrite with `truncate` follows), so a new object starts as
+    // an empty writable copy instead of a read-only one replaced at once.
+    int Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged, bool emptied = false);
     // Ends an open (the kernel sends it once no read of the open runs) and
     // frees `handle`. A writer's pending changes are uploaded first (a
     // failure is logged; the changes stay for a later flush).
