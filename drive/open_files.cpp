@@ -90,7 +90,7 @@ int OpenFiles::Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged, 
         // A newer version: the old object goes once its last opener leaves.
         // A copy being written stays: its changes win over the server's.
         if (slot->openers == 0) {
-            unused_.remove(slot);
+            RemoveUnusedNoLock(*slot);
             CloseNoLock(slot);
         }
         slot.reset();
@@ -112,7 +112,7 @@ int OpenFiles::Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged, 
     const auto last = lastOpenedVersion_.find(info.inode);
     *unchanged = last != lastOpenedVersion_.end() && last->second == slot->version;
     lastOpenedVersion_[info.inode] = slot->version;
-    unused_.remove(slot);
+    RemoveUnusedNoLock(*slot);
     ++slot->openers;
     auto handle = std::make_unique<OpenHandle>();
     handle->file = slot;
@@ -164,7 +164,7 @@ void OpenFiles::ReleaseTaken(std::unique_ptr<OpenHandle> handle) {
         CloseNoLock(file);  // an older version nobody reads any more
         return;
     }
-    unused_.push_back(file);
+    AddUnusedNoLock(file);
     TrimUnusedNoLock();
 }
 
@@ -205,10 +205,20 @@ void OpenFiles::CloseNoLock(const std::shared_ptr<CachedFile>& file) {
     cache_->Close(file->objectName.c_str());
 }
 
+void OpenFiles::AddUnusedNoLock(const std::shared_ptr<CachedFile>& file) {
+    file->unusedEntry = unused_.insert(unused_.end(), file);
+}
+
+void OpenFiles::RemoveUnusedNoLock(CachedFile& file) {
+    if (!file.unusedEntry) return;
+    unused_.erase(*file.unusedEntry);
+    file.unusedEntry.reset();
+}
+
 void OpenFiles::TrimUnusedNoLock() {
     while (unused_.size() > maxUnused_) {
         std::shared_ptr<CachedFile> oldest = unused_.front();
-        unused_.pop_front();
+        RemoveUnusedNoLock(*oldest);
         DetachNoLock(oldest);
     }
 }
@@ -216,7 +226,10 @@ void OpenFiles::TrimUnusedNoLock() {
 bool OpenFiles::DropUnused() {
     std::lock_guard<std::mutex> guard(lock_);
     if (unused_.empty()) return false;
-    while (!unused_.empty()) DetachNoLock(unused_.front());
+    while (!unused_.empty()) {
+        const std::shared_ptr<CachedFile> oldest = unused_.front();  // outlives its entry
+        DetachNoLock(oldest);
+    }
     return true;
 }
 
@@ -433,7 +446,7 @@ void OpenFiles::DetachNoLock(const std::shared_ptr<CachedFile>& file) {
         current_.erase(found);
     }
     if (file->openers == 0) {
-        unused_.remove(file);
+        RemoveUnusedNoLock(*file);
         CloseNoLock(file);
     }
 }

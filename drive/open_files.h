@@ -37,6 +37,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_set>
 
@@ -57,6 +58,9 @@ struct CachedFile {
     int openers = 0;       // GUARDED_BY(OpenFiles::lock_)
     uint64_t version = 0;  // GUARDED_BY(OpenFiles::lock_); the content's: info's, or an upload's
     bool closed = false;   // GUARDED_BY(OpenFiles::lock_); closed in the cache
+    // GUARDED_BY(OpenFiles::lock_). Its place in the list of unused
+    // objects, while it is there: taking it out costs no walk of the list.
+    std::optional<std::list<std::shared_ptr<CachedFile>>::iterator> unusedEntry;
 
     // The size readers see: the remote's, or the local copy's while writing.
     std::atomic<long long> size{0};
@@ -200,6 +204,10 @@ class OpenFiles {
     void DetachNoLock(const std::shared_ptr<CachedFile>& file);
     // A new entry for version `info.version` of a file, without its object.
     std::shared_ptr<CachedFile> MakeFile(const NodeInfo& info);
+    // REQUIRES: lock_ held. Puts `file` last among the unused objects.
+    void AddUnusedNoLock(const std::shared_ptr<CachedFile>& file);
+    // REQUIRES: lock_ held. Takes `file` out of the unused objects, if there.
+    void RemoveUnusedNoLock(CachedFile& file);
     // REQUIRES: lock_ held. Closes the oldest unused objects beyond the bound.
     void TrimUnusedNoLock();
 
