@@ -172,7 +172,10 @@ bool WantsWrite(const fuse_file_info* fi) {
 int OpenFile(FuseContext& context, const NodeInfo& info, fuse_file_info* fi, OpenHandle** handle) {
     if (info.isDirectory) return EISDIR;
     bool unchanged = false;
-    if (const int error = context.files->Open(info, handle, &unchanged); error != 0) return error;
+    const bool emptied = WantsWrite(fi) && (fi->flags & O_TRUNC);
+    if (const int error = context.files->Open(info, handle, &unchanged, emptied); error != 0) {
+        return error;
+    }
     if (WantsWrite(fi)) {
         if (const int error =
                 context.files->BeginWrite(*handle, fi->flags & O_TRUNC, fi->flags & O_EXCL);

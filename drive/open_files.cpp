@@ -83,14 +83,14 @@ OpenFiles::~OpenFiles() {
     unused_.clear();
 }
 
-int OpenFiles::Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged) {
+int OpenFiles::Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged, bool emptied) {
     std::lock_guard<std::mutex> guard(lock_);
     std::shared_ptr<CachedFile>& slot = current_[info.inode];
     if (slot && slot->version < info.version && !slot->writing.load()) {
         // A newer version: the old object goes once its last opener leaves.
         // A copy being written stays: its changes win over the server's.
         if (slot->openers == 0) {
-            unused_.remove(slot);
+            RemoveUnusedNoLock(*slot);
             CloseNoLock(slot);
         }
         slot.reset();
@@ -98,8 +98,8 @@ int OpenFiles::Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged) 
     if (!slot) {
         std::shared_ptr<CachedFile> file = MakeFile(info);
         try {
-            file->object =
-                cache_->Open(file->objectName.c_str(), 'r', info.size, file->fetcher.get());
+            file->object = cache_->Open(file->objectName.c_str(), emptied ? 'w' : 'r',
+                                        emptied ? 0 : info.size, file->fetcher.get());
         } catch (AERROR error) {
             log_->Error("Opening /%s in the cache failed: %s", info.path.c_str(),
                         hostkit::DescribeResult(error).c_str());
@@ -112,7 +112,7 @@ int OpenFiles::Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged) 
     const auto last = lastOpenedVersion_.find(info.inode);
     *unchanged = last != lastOpenedVersion_.end() && last->second == slot->version;
     lastOpenedVersion_[info.inode] = slot->version;
-    unused_.remove(slot);
+    RemoveUnusedNoLock(*slot);
     ++slot->openers;
     auto handle = std::make_unique<OpenHandle>();
     handle->file = slot;
@@ -140,7 +140,7 @@ void OpenFiles::ReleaseTaken(std::unique_ptr<OpenHandle> handle) {
         if (file->writers == 0 && file->writing.load()) {
             spoilt = file->failure.load() != 0;
             if (spoilt || !file->dirty || file->removed) {
-                if (pending_ != nullptr) pending_->Forget(file->objectName);
+                ForgetPendingNoLock(*file);
             }
             if (!spoilt && (!file->dirty || file->removed)) {
                 // The server holds every byte of the copy: it serves reads again.
@@ -164,7 +164,7 @@ void OpenFiles::ReleaseTaken(std::unique_ptr<OpenHandle> handle) {
         CloseNoLock(file);  // an older version nobody reads any more
         return;
     }
-    unused_.push_back(file);
+    AddUnusedNoLock(file);
     TrimUnusedNoLock();
 }
 
@@ -205,10 +205,20 @@ void OpenFiles::CloseNoLock(const std::shared_ptr<CachedFile>& file) {
     cache_->Close(file->objectName.c_str());
 }
 
+void OpenFiles::AddUnusedNoLock(const std::shared_ptr<CachedFile>& file) {
+    file->unusedEntry = unused_.insert(unused_.end(), file);
+}
+
+void OpenFiles::RemoveUnusedNoLock(CachedFile& file) {
+    if (!file.unusedEntry) return;
+    unused_.erase(*file.unusedEntry);
+    file.unusedEntry.reset();
+}
+
 void OpenFiles::TrimUnusedNoLock() {
     while (unused_.size() > maxUnused_) {
         std::shared_ptr<CachedFile> oldest = unused_.front();
-        unused_.pop_front();
+        RemoveUnusedNoLock(*oldest);
         DetachNoLock(oldest);
     }
 }
@@ -216,7 +226,10 @@ void OpenFiles::TrimUnusedNoLock() {
 bool OpenFiles::DropUnused() {
     std::lock_guard<std::mutex> guard(lock_);
     if (unused_.empty()) return false;
-    while (!unused_.empty()) DetachNoLock(unused_.front());
+    while (!unused_.empty()) {
+        const std::shared_ptr<CachedFile> oldest = unused_.front();  // outlives its entry
+        DetachNoLock(oldest);
+    }
     return true;
 }
 
@@ -290,7 +303,19 @@ int OpenFiles::Truncate(OpenHandle* handle, long long size) {
 void OpenFiles::MarkDirtyNoLock(CachedFile& file) {
     if (file.dirty) return;
     file.dirty = true;
-    if (pending_ != nullptr) pending_->Record(file.objectName, tree_->PathOf(file.info.inode));
+    RecordPendingNoLock(file, tree_->PathOf(file.info.inode));
+}
+
+void OpenFiles::RecordPendingNoLock(CachedFile& file, const std::string& path) {
+    if (pending_ == nullptr || file.recordedPath == path) return;
+    pending_->Record(file.objectName, path);
+    file.recordedPath = path;
+}
+
+void OpenFiles::ForgetPendingNoLock(CachedFile& file) {
+    if (pending_ == nullptr || file.recordedPath.empty()) return;
+    pending_->Forget(file.objectName);
+    file.recordedPath.clear();
 }
 
 void OpenFiles::MarkWrittenNoLock(CachedFile& file) {
@@ -330,7 +355,7 @@ int OpenFiles::UploadNoLock(CachedFile& file) {
     if (!file.dirty || file.removed) return 0;
     const Inode inode = file.info.inode;
     const std::string path = tree_->PathOf(inode);
-    if (pending_ != nullptr) pending_->Record(file.objectName, path);
+    RecordPendingNoLock(file, path);
     const long long size = file.size.load();
     const std::shared_ptr<_FS_HANDLE> record = OpenRecord(inode);
     long long sent = 0;
@@ -370,7 +395,7 @@ int OpenFiles::UploadNoLock(CachedFile& file) {
     file.dirty = false;
     file.written = false;
     file.exclusive = false;
-    if (pending_ != nullptr) pending_->Forget(file.objectName);
+    ForgetPendingNoLock(file);
     // The next upload of this copy replaces what was just sent.
     file.etag = IsStrongEtag(response.etag) ? response.etag : std::string();
     NodeInfo now = tree_->Uploaded(inode, size);
@@ -397,7 +422,7 @@ void OpenFiles::GiveUpNoLock(CachedFile& file, const char* reason) {
                                piece.fileSize = file.size.load();
                                return file.object->Read(&piece) == AE_OK ? piece.transferred : -1;
                            });
-        pending_->Forget(file.objectName);
+        ForgetPendingNoLock(file);
     }
     if (saved.empty()) {
         log_->Error("Changes to /%s are lost: %s, and no copy could be saved", path.c_str(),
@@ -421,7 +446,7 @@ void OpenFiles::DetachNoLock(const std::shared_ptr<CachedFile>& file) {
         current_.erase(found);
     }
     if (file->openers == 0) {
-        unused_.remove(file);
+        RemoveUnusedNoLock(*file);
         CloseNoLock(file);
     }
 }
@@ -441,7 +466,7 @@ int OpenFiles::Remove(Inode inode, const std::function<int()>& remove) {
     if (const int error = remove(); error != 0) return error;
     file->dirty = false;
     file->removed = true;
-    if (pending_ != nullptr) pending_->Forget(file->objectName);
+    ForgetPendingNoLock(*file);
     std::lock_guard<std::mutex> guard(lock_);
     DetachNoLock(file);
     lastOpenedVersion_.erase(inode);

@@ -37,6 +37,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_set>
 
@@ -57,6 +58,9 @@ struct CachedFile {
     int openers = 0;       // GUARDED_BY(OpenFiles::lock_)
     uint64_t version = 0;  // GUARDED_BY(OpenFiles::lock_); the content's: info's, or an upload's
     bool closed = false;   // GUARDED_BY(OpenFiles::lock_); closed in the cache
+    // GUARDED_BY(OpenFiles::lock_). Its place in the list of unused
+    // objects, while it is there: taking it out costs no walk of the list.
+    std::optional<std::list<std::shared_ptr<CachedFile>>::iterator> unusedEntry;
 
     // The size readers see: the remote's, or the local copy's while writing.
     std::atomic<long long> size{0};
@@ -77,6 +81,9 @@ struct CachedFile {
     // first upload must not replace a file of that name.
     bool exclusive = false;
     std::string etag;  // GUARDED_BY(writeLock); the server's version the changes apply to
+    // GUARDED_BY(writeLock). The remote path the pending record of the copy
+    // holds; empty while there is no record.
+    std::string recordedPath;
 };
 
 // One open of a file by the kernel. Its handle record is the pattern each
@@ -110,8 +117,10 @@ class OpenFiles {
     // already holds. `*unchanged` tells whether the previous open of the
     // file saw the same version (the kernel may then keep its cached
     // pages). Returns 0 and the open in `*opened`, which stays owned here
-    // until Release, or an errno value.
-    int Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged);
+    // until Release, or an errno value. `emptied`: the open truncates the
+    // file (BeginWrite with `truncate` follows), so a new object starts as
+    // an empty writable copy instead of a read-only one replaced at once.
+    int Open(const NodeInfo& info, OpenHandle** opened, bool* unchanged, bool emptied = false);
     // Ends an open (the kernel sends it once no read of the open runs) and
     // frees `handle`. A writer's pending changes are uploaded first (a
     // failure is logged; the changes stay for a later flush).
@@ -169,6 +178,11 @@ class OpenFiles {
     int UploadNoLock(CachedFile& file);
     // REQUIRES: file.writeLock held. Notes changes the server lacks.
     void MarkDirtyNoLock(CachedFile& file);
+    // REQUIRES: file.writeLock held. Records that the copy holds changes to
+    // remote `path`; a record that already names `path` is left as it is.
+    void RecordPendingNoLock(CachedFile& file, const std::string& path);
+    // REQUIRES: file.writeLock held. Drops the pending record of the copy.
+    void ForgetPendingNoLock(CachedFile& file);
     // REQUIRES: file.writeLock held. Notes bytes written or a truncation
     // asked for: the file's modification time is now.
     void MarkWrittenNoLock(CachedFile& file);
@@ -190,6 +204,10 @@ class OpenFiles {
     void DetachNoLock(const std::shared_ptr<CachedFile>& file);
     // A new entry for version `info.version` of a file, without its object.
     std::shared_ptr<CachedFile> MakeFile(const NodeInfo& info);
+    // REQUIRES: lock_ held. Puts `file` last among the unused objects.
+    void AddUnusedNoLock(const std::shared_ptr<CachedFile>& file);
+    // REQUIRES: lock_ held. Takes `file` out of the unused objects, if there.
+    void RemoveUnusedNoLock(CachedFile& file);
     // REQUIRES: lock_ held. Closes the oldest unused objects beyond the bound.
     void TrimUnusedNoLock();
 

@@ -47,6 +47,14 @@ std::vector<std::string> RegularFilesIn(const std::string& directory) {
     return names;
 }
 
+void WriteAll(int fd, const std::string& text) {
+    for (size_t done = 0; done < text.size();) {
+        const ssize_t wrote = write(fd, text.data() + done, text.size() - done);
+        if (wrote <= 0) return;
+        done += static_cast<size_t>(wrote);
+    }
+}
+
 }  // namespace
 
 PendingCopies::PendingCopies(std::string pendingDir, std::string recoveredDir)
@@ -56,14 +64,23 @@ PendingCopies::PendingCopies(std::string pendingDir, std::string recoveredDir)
 }
 
 void PendingCopies::Record(const std::string& objectName, const std::string& path) {
-    // Written aside and renamed, so that a kill leaves the old record or
-    // the new one, never half of one.
     const std::string record = pendingDir_ + objectName;
-    const std::string next = record + ".new";
-    {
-        std::ofstream out(next, std::ios::trunc);
-        out << path;
+    // A new record is written in place: one write() call, which a kill
+    // does not split. A kill between the open and the write leaves an
+    // empty record, whose copy is still recovered.
+    const int fd = open(record.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+        WriteAll(fd, path);
+        close(fd);
+        return;
     }
+    // An older record is replaced by one written aside and renamed, so that
+    // a kill leaves the old path or the new one, never half of one.
+    const std::string next = record + ".new";
+    const int nextFd = open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (nextFd < 0) return;
+    WriteAll(nextFd, path);
+    close(nextFd);
     rename(next.c_str(), record.c_str());
 }
 
