@@ -1,5 +1,6 @@
 #include "cache/slot_file.h"
 
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -39,11 +40,15 @@ long long SlotFile::AppendOffset() {
 
 long long SlotFile::DiskRoom() {
     struct statvfs disk;
-    if (fstatvfs(fileno(file), &disk) != 0) return LLONG_MAX;
+    struct stat info;
+    if (fstatvfs(fileno(file), &disk) != 0 || fstat(fileno(file), &info) != 0) return LLONG_MAX;
     const unsigned long long freeBytes =
         static_cast<unsigned long long>(disk.f_bavail) * disk.f_frsize;
+    // The blocks the file occupies, not its length: a truncated cache file
+    // is sparse, and its length says nothing of what the disk holds.
+    const long long heldBytes = static_cast<long long>(info.st_blocks) * 512;
     return SaturatingAdd(static_cast<long long>(std::min<unsigned long long>(freeBytes, LLONG_MAX)),
-                         Size());
+                         heldBytes);
 }
 
 int SlotFile::Truncate(long long size) {

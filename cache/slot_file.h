@@ -50,7 +50,7 @@ class SlotFile {
     // mid-slot after a host write, a conversion or a truncation); -1 when a
     // slot there would end past kOffsetLimit.
     long long AppendOffset();
-    // The free space of the file's file system plus what the file holds now
+    // The free space of the file's file system plus the blocks the file holds
     // (LLONG_MAX when that cannot be told). REQUIRES: open.
     long long DiskRoom();
     // Sets the file's size: 0, or the errno of the failure (EINVAL past
