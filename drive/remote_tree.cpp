@@ -17,6 +17,17 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+// Logs a listing or lookup that did not get its answer and returns the
+// errno: refused access, a name that is not there, or EIO.
+int RequestFailed(DriveLog* log, const char* what, const std::string& path,
+                  const HttpResponse& response) {
+    log->Error("%s /%s failed: %s", what, path.c_str(),
+               Succeeded(response) ? "unexpected status" : DescribeFailure(response).c_str());
+    if (response.code != CURLE_OK) return EIO;
+    if (response.status == 401 || response.status == 403) return EACCES;
+    return response.status == 404 ? ENOENT : EIO;
+}
+
 // Index pages above this size are refused rather than held in memory.
 constexpr size_t kMaxListingBytes = 64 << 20;
 
@@ -374,10 +385,7 @@ int RemoteTree::FetchListing(const std::string& path, std::vector<ListingEntry>*
         SendRetrying([&] { return client_->SendForText(request, &body, kMaxListingBytes); });
     const long expected = webdav_ ? 207 : 200;
     if (response.code != CURLE_OK || response.status != expected) {
-        log_->Error("Listing /%s failed: %s", path.c_str(),
-                    Succeeded(response) ? "unexpected status" : DescribeFailure(response).c_str());
-        if (response.status == 401 || response.status == 403) return EACCES;
-        return response.status == 404 ? ENOENT : EIO;
+        return RequestFailed(log_, "Listing", path, response);
     }
     if (webdav_) {
         if (auto parsed = ParsePropfindListing(body, basePath_ + path)) {
@@ -418,10 +426,7 @@ int RemoteTree::CheckOne(const std::string& directoryPath, const std::string& na
         SendRetrying([&] { return client_->SendForText(request, &body, kMaxListingBytes); });
     if (response.code == CURLE_OK && response.status == 404) return ENOENT;
     if (response.code != CURLE_OK || response.status != 207) {
-        log_->Error("Checking /%s failed: %s", path.c_str(),
-                    Succeeded(response) ? "unexpected status" : DescribeFailure(response).c_str());
-        if (response.status == 401 || response.status == 403) return EACCES;
-        return EIO;
+        return RequestFailed(log_, "Checking", path, response);
     }
     // The answer names the entry itself, a child of its directory.
     std::optional<std::vector<ListingEntry>> parsed =
