@@ -12,9 +12,8 @@ namespace drive {
 
 namespace {
 
-// The state of an open handle record; above 3 means closed.
+// The state of an open handle record (kHandleClosedState closes it).
 constexpr int32_t kRecordOpen = 1;
-constexpr int32_t kRecordClosed = 4;
 
 // Bytes read from the local copy per upload step.
 constexpr long long kUploadPiece = 1 << 20;
@@ -49,7 +48,7 @@ std::shared_ptr<_FS_HANDLE> OpenRecord(Inode inode) {
 }  // namespace
 
 void CloseRecord(_FS_HANDLE* record) {
-    std::atomic_ref<int32_t>(record->state).store(kRecordClosed, std::memory_order_relaxed);
+    std::atomic_ref<int32_t>(record->state).store(kHandleClosedState, std::memory_order_relaxed);
 }
 
 OpenFiles::OpenFiles(ICache* cache, HttpClient* client, RemoteTree* tree, DriveLog* log,

@@ -124,7 +124,7 @@ class LocalFileFetcher final : public IFetch {
         const long long end = std::min(offset + length, size_);
         std::vector<char> piece;
         for (long long position = offset; position < end;) {
-            if (handle && handle->state > 3) return AE_HANDLE_CLOSED;  // closed by the host
+            if (handle && IsClosedState(handle->state)) return AE_HANDLE_CLOSED;
             const long long pieceEnd = std::min(end, (position / kSector + 1) * kSector);
             piece.resize(static_cast<size_t>(pieceEnd - position));
             if (pread(fd_, piece.data(), piece.size(), position) !=
