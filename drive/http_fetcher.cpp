@@ -16,8 +16,8 @@ namespace {
 constexpr long long kSector = 64 * 1024;
 
 bool HandleClosed(const _FS_HANDLE& handle) {
-    return std::atomic_ref<int32_t>(const_cast<int32_t&>(handle.state))
-               .load(std::memory_order_relaxed) > 3;
+    return IsClosedState(std::atomic_ref<int32_t>(const_cast<int32_t&>(handle.state))
+                             .load(std::memory_order_relaxed));
 }
 
 }  // namespace
