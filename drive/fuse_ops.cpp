@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "drive/kernel_readahead.h"
 #include "hostkit/result_text.h"
 
 namespace drive {
@@ -95,12 +96,14 @@ Listing* ListingOf(const fuse_file_info* fi) {
     return reinterpret_cast<Listing*>(static_cast<uintptr_t>(fi->fh));
 }
 
-void Init(void*, fuse_conn_info* conn) {
+void Init(void* userdata, fuse_conn_info* conn) {
     // Reads of up to 1 MiB: libfuse derives the kernel's page limit from
     // max_write.
     conn->max_write = kMaxRead;
     conn->max_read = kMaxRead;
     conn->max_readahead = kMaxRead;
+    const FuseContext& context = *static_cast<FuseContext*>(userdata);
+    RaiseKernelReadahead(context.mountpoint, kDriveReadaheadKib, context.log);
 }
 
 void Lookup(fuse_req_t req, fuse_ino_t parent, const char* name) {

@@ -14,6 +14,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <string>
 #include <vector>
 
 #include "drive/handle_table.h"
@@ -52,6 +53,7 @@ struct FuseContext {
     bool writable = false;          // the remote takes changes (WebDAV)
     bool directIo = false;          // the kernel bypasses its page cache
     double attributeTtl = 1.0;      // seconds the kernel keeps names and attributes
+    std::string mountpoint;         // absolute; INIT raises its kernel read-ahead
     HandleTable<Listing> listings;  // the open directories
 };
 

@@ -1,12 +1,8 @@
 #include "drive/kernel_readahead.h"
 
-#include <sys/stat.h>
-
-#include <climits>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
-#include <utility>
 
 namespace drive {
 
@@ -46,16 +42,13 @@ std::optional<std::string> DeviceOfMount(const std::string& mountinfo,
 }
 
 bool RaiseKernelReadahead(const std::string& mountpoint, long kib, DriveLog* log) {
-    char resolved[PATH_MAX];
-    const std::string absolute =
-        realpath(mountpoint.c_str(), resolved) != nullptr ? resolved : mountpoint;
     std::ifstream mountinfoFile("/proc/self/mountinfo");
     std::stringstream mountinfo;
     mountinfo << mountinfoFile.rdbuf();
-    const std::optional<std::string> device = DeviceOfMount(mountinfo.str(), absolute);
+    const std::optional<std::string> device = DeviceOfMount(mountinfo.str(), mountpoint);
     if (!device) {
         log->Info("Kernel read-ahead stays as it is: %s is not in /proc/self/mountinfo",
-                  absolute.c_str());
+                  mountpoint.c_str());
         return false;
     }
     const std::string setting = "/sys/class/bdi/" + *device + "/read_ahead_kb";
@@ -70,18 +63,6 @@ bool RaiseKernelReadahead(const std::string& mountpoint, long kib, DriveLog* log
         return false;
     }
     return true;
-}
-
-KernelReadahead::KernelReadahead(std::string mountpoint, long kib, DriveLog* log)
-    : thread_([mountpoint = std::move(mountpoint), kib, log] {
-          struct stat attributes;
-          if (stat(mountpoint.c_str(), &attributes) == 0) {
-              RaiseKernelReadahead(mountpoint, kib, log);
-          }
-      }) {}
-
-KernelReadahead::~KernelReadahead() {
-    thread_.join();
 }
 
 }  // namespace drive

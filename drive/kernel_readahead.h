@@ -4,14 +4,15 @@
 // unless files are opened with direct_io. Read-ahead is a property of the
 // mount's backing device (/sys/class/bdi/<major:minor>/read_ahead_kb) that
 // only root may change. The kernel takes the smaller of that value and the
-// max_readahead the drive announces in its answer to INIT, and that answer
-// can only lower it: the value is written after INIT is answered.
+// max_readahead the drive announces in its answer to INIT, so the value is
+// written while INIT is being answered: the device exists by then, and no
+// program can open a file on the mount before the answer, so every open
+// sees the raised value.
 #ifndef DRIVE_KERNEL_READAHEAD_H_
 #define DRIVE_KERNEL_READAHEAD_H_
 
 #include <optional>
 #include <string>
-#include <thread>
 
 #include "drive/log.h"
 
@@ -23,9 +24,10 @@ namespace drive {
 std::optional<std::string> DeviceOfMount(const std::string& mountinfo,
                                          const std::string& mountpoint);
 
-// Sets the read-ahead of the mount on `mountpoint` to `kib` KiB. Where the
-// drive may not (not root, no sysfs), logs why once and returns false: reads
-// still work, in smaller requests.
+// Sets the read-ahead of the mount on `mountpoint` (absolute, resolved
+// before mounting: resolving it once mounted would ask the mount itself) to
+// `kib` KiB. Where the drive may not (not root, no sysfs), logs why once and
+// returns false: reads still work, in smaller requests.
 bool RaiseKernelReadahead(const std::string& mountpoint, long kib, DriveLog* log);
 
 // The drive's read-ahead: one request of the largest size (1 MiB) per
@@ -33,23 +35,6 @@ bool RaiseKernelReadahead(const std::string& mountpoint, long kib, DriveLog* log
 // library's read-ahead and fetch some ranges twice (up to a tenth more
 // bytes for a 100 MiB file with 8 MiB) for no steady gain.
 constexpr long kDriveReadaheadKib = 1024;
-
-// Raises the mount's read-ahead once the kernel has the drive's answer to
-// INIT, from a thread of its own: it waits for a stat of the mount point,
-// which the kernel answers only after INIT. Start it once the FUSE session
-// is mounted (and after daemonizing); the session's loop answers the stat.
-// The destructor waits for the thread, which ends with the mount at the
-// latest.
-class KernelReadahead {
-  public:
-    KernelReadahead(std::string mountpoint, long kib, DriveLog* log);
-    KernelReadahead(const KernelReadahead&) = delete;
-    KernelReadahead& operator=(const KernelReadahead&) = delete;
-    ~KernelReadahead();
-
-  private:
-    std::thread thread_;
-};
 
 }  // namespace drive
 

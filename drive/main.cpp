@@ -42,7 +42,6 @@
 #include "drive/cache_room.h"
 #include "drive/fuse_ops.h"
 #include "drive/http_client.h"
-#include "drive/kernel_readahead.h"
 #include "drive/log.h"
 #include "drive/open_files.h"
 #include "drive/pending_copies.h"
@@ -577,8 +576,6 @@ class Mount {
         // must reach a FUSE worker to end the loop.
         const sigset_t stopSignals = StopSignals();
         pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-        const drive::KernelReadahead readahead(options_.mountpoint, drive::kDriveReadaheadKib,
-                                               &log_);
         const int status = ServeWithCache(stopSignals);
         fuse_remove_signal_handlers(session_);
         fuse_session_destroy(session_);
@@ -587,9 +584,14 @@ class Mount {
     }
 
   private:
+    // Makes the mount point absolute: the kernel's read-ahead is set by it
+    // once mounted, when resolving it would ask the mount itself.
     bool CheckMountpoint() {
         struct stat mountInfo;
-        if (stat(options_.mountpoint.c_str(), &mountInfo) == 0 && S_ISDIR(mountInfo.st_mode)) {
+        char resolved[PATH_MAX];
+        if (stat(options_.mountpoint.c_str(), &mountInfo) == 0 && S_ISDIR(mountInfo.st_mode) &&
+            realpath(options_.mountpoint.c_str(), resolved) != nullptr) {
+            mountpoint_ = resolved;
             return true;
         }
         fprintf(stderr, "cachedrive: mount point %s is not a directory\n",
@@ -658,6 +660,7 @@ class Mount {
         context_.stats = &stats_;
         context_.log = &log_;
         context_.directIo = options_.directIo;
+        context_.mountpoint = mountpoint_;
         // The kernel asks the drive again after a second at most, so that
         // the drive's own checks (an open's, the listings' age) decide.
         context_.attributeTtl =
@@ -691,7 +694,7 @@ class Mount {
         // still stop.
         for (const int stopSignal : {SIGINT, SIGTERM, SIGHUP}) signal(stopSignal, SIG_DFL);
         if (fuse_set_signal_handlers(session_) != 0 ||
-            fuse_session_mount(session_, options_.mountpoint.c_str()) != 0) {
+            fuse_session_mount(session_, mountpoint_.c_str()) != 0) {
             fprintf(stderr, "cachedrive: cannot mount on %s\n", options_.mountpoint.c_str());
             fuse_remove_signal_handlers(session_);
             fuse_session_destroy(session_);
@@ -762,6 +765,7 @@ class Mount {
     }
 
     const Options& options_;
+    std::string mountpoint_;  // options_.mountpoint made absolute
     drive::DriveLog& log_;
     std::string cachePath_;
     drive::CacheDir cacheDir_;
