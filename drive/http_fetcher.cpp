@@ -22,6 +22,16 @@ bool HandleClosed(const _FS_HANDLE& handle) {
 
 }  // namespace
 
+long long PieceLength(long long length, const FetchPolicy& policy) {
+    // Whole rounds over the connections, so that no last round runs on a
+    // few of them while the rest wait.
+    const long long connections = std::max(policy.parallelRanges, 1);
+    const long long round = connections * policy.largestPiece;
+    const long long rounds = (length + round - 1) / round;
+    const long long even = (length + rounds * connections - 1) / (rounds * connections);
+    return std::max((even + kSector - 1) / kSector * kSector, policy.splitAbove);
+}
+
 RetryVerdict JudgeAttempt(const AttemptEnd& end, int retriesLeft, int retries) {
     RangeOutcome outcome = end.code == CURLE_ABORTED_BY_CALLBACK ? RangeOutcome::kClosed : end.stop;
     if (outcome == RangeOutcome::kRetry && end.complete) outcome = RangeOutcome::kComplete;
@@ -141,26 +151,30 @@ AERROR HttpFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
     if (length <= policy_.splitAbove || policy_.parallelRanges < 2) {
         return FetchRange(offset, length, size, false, *handle, sink);
     }
-    // Ranges of whole sectors, one per connection, each streaming on its
-    // own. They let small fetches (a random read's) take the next free
-    // connection before them.
-    const long long parts = std::min<long long>(policy_.parallelRanges, length / kSector);
-    const long long share = (length / parts + kSector - 1) / kSector * kSector;
-    std::vector<AERROR> results(parts, AE_OK);
-    std::vector<std::thread> workers;
-    for (long long i = 0; i < parts; ++i) {
-        const long long first = offset + i * share;
-        const long long part = std::min(share, offset + length - first);
-        if (part <= 0) break;
-        workers.emplace_back([this, i, first, part, size, &handle, sink, &results] {
-            results[i] = FetchRange(first, part, size, true, *handle, sink);
-        });
+    // Pieces handed out in order to one connection each: the first pieces
+    // arrive first, so a reader waiting at the start of a read-ahead goes on
+    // long before its last piece is in. Small fetches (a random read's) take
+    // the next free connection before the next piece.
+    const long long piece = PieceLength(length, policy_);
+    const long long pieces = (length + piece - 1) / piece;
+    std::atomic<long long> nextPiece{0};
+    std::atomic<AERROR> failure{AE_OK};
+    const auto fetchPieces = [&] {
+        for (long long i = nextPiece++; i < pieces && failure.load() == AE_OK; i = nextPiece++) {
+            const long long first = offset + i * piece;
+            const AERROR result = FetchRange(first, std::min(piece, offset + length - first), size,
+                                             true, *handle, sink);
+            AERROR none = AE_OK;
+            if (result != AE_OK) failure.compare_exchange_strong(none, result);
+        }
+    };
+    std::vector<std::thread> helpers;
+    for (long long i = 1; i < std::min<long long>(policy_.parallelRanges, pieces); ++i) {
+        helpers.emplace_back(fetchPieces);
     }
-    for (std::thread& worker : workers) worker.join();
-    for (const AERROR result : results) {
-        if (result != AE_OK) return result;
-    }
-    return AE_OK;
+    fetchPieces();
+    for (std::thread& helper : helpers) helper.join();
+    return failure.load();
 }
 
 AERROR HttpFetcher::FetchRange(long long offset, long long length, long long size, bool bulk,

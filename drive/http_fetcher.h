@@ -31,9 +31,16 @@ namespace drive {
 struct FetchPolicy {
     int retries = 3;                              // after the first attempt
     std::chrono::milliseconds firstBackoff{100};  // doubled after each retry
-    long long splitAbove = 4LL << 20;             // fetches larger than this are split
+    long long splitAbove = 1LL << 20;             // fetches larger than this are split
+    long long largestPiece = 4LL << 20;           // into pieces no larger than this
     int parallelRanges = 8;                       // at most this many ranges at once
 };
+
+// The length of the pieces a fetch of `length` bytes (more than
+// `splitAbove`) is cut into: whole sectors, no fewer than `splitAbove` bytes,
+// no more than `largestPiece` unless `splitAbove` is more, and as many as
+// fill whole rounds over the `parallelRanges` connections where they can.
+long long PieceLength(long long length, const FetchPolicy& policy);
 
 // How a range request ends, or goes on.
 enum class RangeOutcome {

@@ -151,7 +151,8 @@ TEST(HttpFetcherTest, ServesAServerThatIgnoresRangesFromItsWholeStream) {
 }
 
 TEST(HttpFetcherTest, ResumesCutBodiesAndRetriesServerErrors) {
-    const std::string content = RandomBytes(4 * 1048576, 3);
+    // One range: a fetch of up to 1 MiB is not split.
+    const std::string content = RandomBytes(1048576, 3);
     std::atomic<int> served{0};
     ScriptedServer server([&](const SeenRequest& request) {
         const int n = served++;
@@ -169,7 +170,7 @@ TEST(HttpFetcherTest, ResumesCutBodiesAndRetriesServerErrors) {
     EXPECT_EQ(sink.twice(), 0);
     // Every retry asks for the bytes after the last one received.
     const auto requests = server.Requests();
-    EXPECT_EQ(requests[1].headers.at("range"), "bytes=300000-4194303");
+    EXPECT_EQ(requests[1].headers.at("range"), "bytes=300000-1048575");
 }
 
 TEST(HttpFetcherTest, FailsWithoutZerosWhenTheServerSendsOtherBytes) {
@@ -308,6 +309,26 @@ AttemptEnd Ended(CURLcode code, long status, bool progressed = false) {
     end.status = status;
     end.progressed = progressed;
     return end;
+}
+
+TEST(PieceLengthTest, PiecesAreWholeSectorsInFullRoundsOverTheConnections) {
+    const FetchPolicy policy;  // 1 MiB to 4 MiB pieces over 8 connections
+    for (const long long length :
+         {1048576LL + kSector, 4194304LL, 8388608LL + 17, 67108864LL, 107374182LL, 1073741824LL}) {
+        SCOPED_TRACE(length);
+        const long long piece = PieceLength(length, policy);
+        const long long pieces = (length + piece - 1) / piece;
+        EXPECT_EQ(piece % kSector, 0);
+        EXPECT_GE(piece, policy.splitAbove);
+        EXPECT_LE(piece, policy.largestPiece);
+        // Every connection is busy to the last round, unless the fetch is
+        // too small to give each one a piece of the smallest size.
+        if (length >= policy.parallelRanges * policy.splitAbove) {
+            EXPECT_EQ(pieces % policy.parallelRanges, 0);
+        }
+    }
+    EXPECT_EQ(PieceLength(67108864, policy), 4194304);
+    EXPECT_EQ(PieceLength(2097152, policy), 1048576);
 }
 
 TEST(JudgeAttemptTest, TheStreamsDecisionStandsAndAnAbortIsAClosedHandle) {
