@@ -5,16 +5,21 @@
 #
 #   bench/drive_peers.sh [path/to/cachedrive]     (default build/default/drive/cachedrive)
 #
-# Profiles: plain loopback, and nginx limit_rate per connection (SLOW_RATE,
-# default 50m = 50 MB/s) as a slow link. Per profile, bound rows first:
+# Profiles: plain loopback, and a slow link on which the kernel paces every
+# connection nginx accepts to SLOW_RATE MB/s (default 50; bench/
+# pace_connections.c, preloaded into nginx). Per profile, bound rows first:
 #   curl to a file        curl copies the 1 GiB file to the disk the caches use
 #   connections x rate    what the drive's connections may carry (slow link)
+#   curls at once         as many curls as connections, each copying its
+#                         share of the file to /dev/null (slow link)
 #   page cache            dd of the local file, warm
 #   passthrough direct_io libfuse's passthrough_ll example with cache=never
 #                         (every read goes through FUSE): the FUSE ceiling
 #   curl PUT              curl uploads the 1 GiB file (loopback only)
 #   curl PUT loop         one curl uploads 1,000 files of 100 KiB over one
 #                         keep-alive connection (loopback only)
+#   passthrough cp        cp of those files into the passthrough mount: the
+#                         FUSE ceiling for many small files (loopback only)
 # then the drives (cachedrive, cachedrive with -o direct_io, rclone mount
 # --vfs-cache-mode full, davfs2), each run on a fresh mount with an empty
 # cache:
@@ -30,7 +35,7 @@
 # row. Every figure is the median of RUNS runs, in MB/s (10^6 bytes/s).
 #
 # Environment: WORK (default /tmp/drive_peers: sources are kept there between
-# runs), RUNS (3), SLOW_RATE (50m), CONNECTIONS (8, cachedrive's default),
+# runs), RUNS (3), SLOW_RATE (50, MB/s per connection), CONNECTIONS (8, cachedrive's default),
 # DRIVES (default "cachedrive cachedrive-direct_io rclone davfs2"),
 # PROFILES (default "loopback slow").
 set -euo pipefail
@@ -39,7 +44,7 @@ cd "$(dirname "$0")/.."
 cachedrive=$(realpath -m "${1:-build/default/drive/cachedrive}")
 work=${WORK:-/tmp/drive_peers}
 runs=${RUNS:-3}
-slow_rate=${SLOW_RATE:-50m}
+slow_rate=${SLOW_RATE:-50}
 connections=${CONNECTIONS:-8}
 drives=${DRIVES:-cachedrive cachedrive-direct_io rclone davfs2}
 profiles=${PROFILES:-loopback slow}
@@ -75,6 +80,8 @@ if [ ! -x "$passthrough" ]; then
     gcc -O2 -o "$passthrough" /usr/share/doc/libfuse3-dev/examples/passthrough_ll.c \
         $(pkg-config --cflags --libs fuse3)
 fi
+pacing=$work/pace_connections.so
+gcc -O2 -shared -fPIC -o "$pacing" bench/pace_connections.c -ldl
 
 mnt=$work/mnt
 cache=$work/cache
@@ -116,7 +123,7 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# start_nginx RATE: RATE is an nginx limit_rate value, or 0 for none.
+# start_nginx RATE: RATE is the MB/s of each connection, or 0 for no limit.
 start_nginx() {
     port=$(python3 -c 'import socket; s=socket.socket(); s.bind(("127.0.0.1",0)); print(s.getsockname()[1])')
     cat >"$work/nginx/nginx.conf" <<EOF
@@ -136,7 +143,6 @@ http {
   sendfile on;
   server {
     listen 127.0.0.1:$port;
-    limit_rate $1;
     root $work/root;
     location /share/ {
       dav_methods PUT DELETE MKCOL COPY MOVE;
@@ -146,7 +152,12 @@ http {
   }
 }
 EOF
-    nginx -e "$work/nginx/error.log" -c "$work/nginx/nginx.conf" -p "$work/nginx" &
+    if [ "$1" = 0 ]; then
+        nginx -e "$work/nginx/error.log" -c "$work/nginx/nginx.conf" -p "$work/nginx" &
+    else
+        PACE_BYTES_PER_SECOND=$(($1 * 1000000)) LD_PRELOAD=$pacing \
+            nginx -e "$work/nginx/error.log" -c "$work/nginx/nginx.conf" -p "$work/nginx" &
+    fi
     nginx_pid=$!
     url=http://127.0.0.1:$port/share/
     for _ in $(seq 100); do
@@ -285,12 +296,32 @@ curl_put_loop_run() {
     curl -sf -K "$config" -o /dev/null || return 1
     x=$(mbps $((small_files * 102400)) "$start")
 }
+curls_at_once_run() {
+    local share_bytes=$((size / connections)) start i
+    start=$(now)
+    for ((i = 0; i < connections; i++)); do
+        curl -sf -o /dev/null -r "$((i * share_bytes))-$(((i + 1) * share_bytes - 1))" \
+            "${url}bench.bin" &
+    done
+    wait
+    x=$(mbps $size "$start")
+}
 page_cache_run() { x=$(dd_mbps "$share/bench.bin"); }
 passthrough_run() {
     failure="did not mount (see $work/passthrough.log)"
     mount_drive passthrough || return 1
     dd_mbps "$mnt/bench.bin" >/dev/null || return 1
     x=$(dd_mbps "$mnt/bench.bin") || return 1
+}
+passthrough_cp_run() {
+    rm -rf "$share/in"
+    mkdir -p "$share/in/small"
+    failure="did not mount (see $work/passthrough.log)"
+    mount_drive passthrough || return 1
+    local start
+    start=$(now)
+    cp "$work/src/small"/f*.bin "$mnt/in/small/" || return 1
+    x=$(mbps $((small_files * 102400)) "$start")
 }
 
 median() { printf '%s\n' "$@" | sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }
@@ -326,21 +357,20 @@ bound_row() {
 for profile in $profiles; do
     if [ "$profile" = loopback ]; then start_nginx 0; else start_nginx "$slow_rate"; fi
     label=$profile
-    [ "$profile" = loopback ] || label="limit_rate $slow_rate"
+    [ "$profile" = loopback ] || label="$slow_rate MB/s per connection"
     bound_row "$label" "curl to a file" cold curl_get_run
     if [ "$profile" != loopback ]; then
-        rate=$(python3 -c "
-s = '$slow_rate'; unit = {'k': 1e3 * 1.024, 'm': 1e6 * 1.048576, 'g': 1e9 * 1.073741824}
-print(f'{float(s[:-1]) * unit[s[-1].lower()] / 1e6 * $connections:.0f}' if s[-1].isalpha() else s)")
-        row="| $label | **$connections connections x $slow_rate** | $rate | | | | |"
+        row="| $label | **$connections connections x $slow_rate MB/s** | $((connections * slow_rate)) | | | | |"
         rows+=("$row")
-        echo "\"$label\" \"connections x rate\" $rate" >>"$plot"
+        echo "\"$label\" \"connections x rate\" $((connections * slow_rate))" >>"$plot"
+        bound_row "$label" "$connections curls at once" cold curls_at_once_run
     fi
     bound_row "$label" "page cache" warm page_cache_run
     bound_row "$label" "passthrough direct_io" warm passthrough_run
     if [ "$profile" = loopback ]; then
         bound_row "$label" "curl PUT" close curl_put_run
         bound_row "$label" "curl PUT loop" small curl_put_loop_run
+        bound_row "$label" "passthrough cp" small passthrough_cp_run
     fi
     for drive in $drives; do
         cold=() warm=() big=() closes=() small=() row=
