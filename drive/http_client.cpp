@@ -166,10 +166,17 @@ HttpClient::~HttpClient() {
 HttpClient::Connection HttpClient::Acquire(bool bulk) {
     std::unique_lock<std::mutex> guard(lock_);
     if (!bulk) ++waitingFirst_;
+    // Bulk transfers use at most `connections_`, and only when no other
+    // request waits; another request takes one more connection while bulk
+    // transfers hold them all, so that a random read waits for no piece of
+    // a large fetch.
     freed_.wait(guard, [this, bulk] {
-        return (!idle_.empty() || created_ < connections_) && (!bulk || waitingFirst_ == 0);
+        if (bulk) return waitingFirst_ == 0 && inUse_ < connections_;
+        return inUse_ < connections_ || (inUse_ == connections_ && bulkInUse_ > 0);
     });
     if (!bulk) --waitingFirst_;
+    ++inUse_;
+    if (bulk) ++bulkInUse_;
     if (!idle_.empty()) {
         const Connection connection = idle_.back();
         idle_.pop_back();
@@ -177,17 +184,21 @@ HttpClient::Connection HttpClient::Acquire(bool bulk) {
     }
     Connection connection;
     connection.handle = curl_easy_init();
-    if (connection.handle != nullptr) {
-        ++created_;
-        ConfigureNew(connection.handle);
+    if (connection.handle == nullptr) {
+        --inUse_;
+        if (bulk) --bulkInUse_;
+        return connection;
     }
+    ConfigureNew(connection.handle);
     return connection;
 }
 
-void HttpClient::Release(Connection connection) {
+void HttpClient::Release(Connection connection, bool bulk) {
     {
         std::lock_guard<std::mutex> guard(lock_);
         idle_.push_back(connection);
+        --inUse_;
+        if (bulk) --bulkInUse_;
     }
     // A bulk waiter woken first would wait on and leave the connection idle.
     freed_.notify_all();
@@ -294,7 +305,7 @@ HttpResponse HttpClient::Send(const HttpRequest& request, const BodySink& sink) 
     curl_easy_setopt(handle, CURLOPT_RANGE, nullptr);
     curl_easy_setopt(handle, CURLOPT_CUSTOMREQUEST, nullptr);
     connection.answered = connection.answered || transfer.response.status != 0;
-    Release(connection);
+    Release(connection, request.bulk);
     return std::move(transfer.response);
 }
 

@@ -41,7 +41,9 @@ struct HttpRequest {
     // abandons it (CURLE_ABORTED_BY_CALLBACK).
     std::function<bool()> keepGoing;
     // A part of a large transfer that others wait for less: it gets a free
-    // connection only when no request without `bulk` waits for one.
+    // connection only when no request without `bulk` waits for one, and
+    // while bulk transfers hold every connection, a request without `bulk`
+    // gets one more.
     bool bulk = false;
 };
 
@@ -102,7 +104,9 @@ class HttpClient {
     // headers already known; returns false to abandon the transfer.
     using BodySink = std::function<bool(const HttpResponse& head, const char* data, size_t size)>;
 
-    // `baseUrl` ends in '/'. Counts every request in `stats` (not owned).
+    // `baseUrl` ends in '/'. Keeps up to `connections` connections open,
+    // and one more for requests that are not bulk while bulk transfers use
+    // all of them. Counts every request in `stats` (not owned).
     HttpClient(std::string baseUrl, int connections, HttpLimits limits, Stats* stats,
                HttpAccess access = {});
     HttpClient(const HttpClient&) = delete;
@@ -129,7 +133,7 @@ class HttpClient {
     };
 
     Connection Acquire(bool bulk);
-    void Release(Connection connection);
+    void Release(Connection connection, bool bulk);
     // Sets what every request on `handle` shares: time-outs, credentials,
     // certificates.
     void ConfigureNew(CURL* handle) const;
@@ -143,7 +147,8 @@ class HttpClient {
     std::mutex lock_;
     std::condition_variable freed_;
     std::vector<Connection> idle_;  // GUARDED_BY(lock_)
-    int created_ = 0;               // GUARDED_BY(lock_)
+    int inUse_ = 0;                 // GUARDED_BY(lock_): connections handed out
+    int bulkInUse_ = 0;             // GUARDED_BY(lock_): of those, to bulk transfers
     int waitingFirst_ = 0;          // GUARDED_BY(lock_): waiters that are not bulk
 };
 

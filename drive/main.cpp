@@ -112,7 +112,8 @@ Options:
   --limit BYTES        storage limit of the cache (default 1G, at least 64M);
                        suffixes K, M, G, T (powers of 1024)
   --config JSON|@FILE  configuration of the cache library, as text or a file
-  --connections N      HTTP connections to the server (default 8)
+  --connections N      HTTP connections to the server (default 8); one more
+                       serves small requests while large fetches use them all
   --webdav             list with PROPFIND without asking the server first
   --dir-cache SECONDS  keep listings and attributes this long (default 30);
                        changes made through the mount show at once, and an
