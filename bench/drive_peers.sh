@@ -37,7 +37,8 @@
 # Environment: WORK (default /tmp/drive_peers: sources are kept there between
 # runs), RUNS (3), SLOW_RATE (50, MB/s per connection), CONNECTIONS (8, cachedrive's default),
 # DRIVES (default "cachedrive cachedrive-direct_io rclone davfs2"),
-# PROFILES (default "loopback slow").
+# PROFILES (default "loopback slow"), CACHE_DIR (the drives' cache directory,
+# default $WORK/cache; emptied before each mount).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -84,7 +85,7 @@ pacing=$work/pace_connections.so
 gcc -O2 -shared -fPIC -o "$pacing" bench/pace_connections.c -ldl
 
 mnt=$work/mnt
-cache=$work/cache
+cache=${CACHE_DIR:-$work/cache}
 nginx_pid=
 drive_pid=
 drive_kind=
@@ -168,11 +169,16 @@ EOF
     exit 1
 }
 
+# Writes the page cache's dirty pages back and waits for it: the write-back
+# of the last run's gigabytes otherwise runs during the next.
+settle() { sync; }
+
 # mount_drive NAME: a fresh mount with an empty cache directory.
 mount_drive() {
     stop_drive
     drive_kind=$1
     rm -rf "$cache"
+    settle
     mkdir -p "$mnt" "$cache"
     case $1 in
     cachedrive) "$cachedrive" "$url" "$mnt" -f -q --webdav --connections "$connections" \
@@ -203,8 +209,10 @@ mount_drive() {
 }
 
 now() { date +%s.%N; }
-# mbps BYTES START: MB/s of BYTES moved since START.
-mbps() { python3 -c "import sys,time; print(f'{$1 / (time.time() - $2) / 1e6:.0f}')"; }
+# mbps BYTES START: MB/s of BYTES moved since START. Nothing starts between
+# the end of the transfer and the clock: python3 takes 0.4 s to start on
+# the development machine.
+mbps() { awk -v bytes="$1" -v start="$2" -v end="$(now)" 'BEGIN { printf "%.0f\n", bytes / (end - start) / 1e6 }'; }
 # dd_mbps FILE: reads FILE with dd bs=1M, prints MB/s.
 dd_mbps() {
     local start
@@ -246,20 +254,22 @@ write_run() {
     mkdir -p "$share/in"
     mount_drive "$1" || { failure="did not mount: $(tail -1 "$work/$1.log")"; return 1; }
     failure="write failed (see $work/$1.log)"
-    local start
-    start=$(now)
-    # Writes in 1 MiB blocks and prints the MB/s of the close() alone.
-    k=$(python3 - "$src" "$mnt/in/big.bin" <<'EOF2'
+    local start timing
+    # Writes in 1 MiB blocks; prints when the first write began and the MB/s
+    # of the close() alone.
+    timing=$(python3 - "$src" "$mnt/in/big.bin" <<'EOF2'
 import os, sys, time
 source = open(sys.argv[1], "rb")
 out = os.open(sys.argv[2], os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o644)
+first = time.time()
 while block := source.read(1 << 20):
     os.write(out, block)
 start = time.time()
 os.close(out)
-print(f"{(1 << 30) / (time.time() - start) / 1e6:.0f}")
+print(f"{first:.6f} {(1 << 30) / (time.time() - start) / 1e6:.0f}")
 EOF2
 ) || return 1
+    read -r start k <<<"$timing"
     b=$(until_on_server "$start" $size "$share/in/big.bin") || return 1
     mkdir -p "$mnt/in/small" || return 1
     start=$(now)
@@ -297,13 +307,14 @@ curl_put_loop_run() {
     x=$(mbps $((small_files * 102400)) "$start")
 }
 curls_at_once_run() {
-    local share_bytes=$((size / connections)) start i
+    local share_bytes=$((size / connections)) start i curls=()
     start=$(now)
     for ((i = 0; i < connections; i++)); do
         curl -sf -o /dev/null -r "$((i * share_bytes))-$(((i + 1) * share_bytes - 1))" \
             "${url}bench.bin" &
+        curls+=($!)
     done
-    wait
+    for i in "${curls[@]}"; do wait "$i" || return 1; done
     x=$(mbps $size "$start")
 }
 page_cache_run() { x=$(dd_mbps "$share/bench.bin"); }
@@ -334,6 +345,7 @@ bound_row() {
     local profile=$1 name=$2 column=$3 run=$4 figures=() cells
     for _ in $(seq "$runs"); do
         failure="failed"
+        settle
         $run || { figures=(); break; }
         figures+=("$x")
     done
