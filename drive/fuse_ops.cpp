@@ -102,8 +102,10 @@ void Init(void* userdata, fuse_conn_info* conn) {
     conn->max_write = kMaxRead;
     conn->max_read = kMaxRead;
     conn->max_readahead = kMaxRead;
-    const FuseContext& context = *static_cast<FuseContext*>(userdata);
+    FuseContext& context = *static_cast<FuseContext*>(userdata);
     RaiseKernelReadahead(context.mountpoint, kDriveReadaheadKib, context.log);
+    context.writeOnlyDirect =
+        conn->proto_major > 7 || (conn->proto_major == 7 && conn->proto_minor >= 39);
 }
 
 void Lookup(fuse_req_t req, fuse_ino_t parent, const char* name) {
@@ -189,7 +191,12 @@ int OpenFile(FuseContext& context, const NodeInfo& info, fuse_file_info* fi, Ope
         unchanged = false;
     }
     fi->fh = reinterpret_cast<uintptr_t>(*handle);
-    fi->direct_io = context.directIo;
+    // What a write-only open writes cannot be read or mapped through it:
+    // its bytes go straight to the local copy, without a second copy in the
+    // kernel's page cache (on this machine, holding that copy made the
+    // upload at close take twice as long).
+    fi->direct_io =
+        context.directIo || (context.writeOnlyDirect.load() && (fi->flags & O_ACCMODE) == O_WRONLY);
     fi->keep_cache = unchanged && !context.directIo;
     return 0;
 }

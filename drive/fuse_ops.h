@@ -14,6 +14,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -50,10 +51,14 @@ struct FuseContext {
     WebDavChanges* changes = nullptr;  // the changes to the server's tree
     ServerSpace* space = nullptr;      // what statfs reports; null: nothing known
     Ownership owner;
-    bool writable = false;          // the remote takes changes (WebDAV)
-    bool directIo = false;          // the kernel bypasses its page cache
-    double attributeTtl = 1.0;      // seconds the kernel keeps names and attributes
-    std::string mountpoint;         // absolute; INIT raises its kernel read-ahead
+    bool writable = false;      // the remote takes changes (WebDAV)
+    bool directIo = false;      // the kernel bypasses its page cache
+    double attributeTtl = 1.0;  // seconds the kernel keeps names and attributes
+    std::string mountpoint;     // absolute; INIT raises its kernel read-ahead
+    // Set by INIT when the kernel drops the cached pages a direct write
+    // replaces (FUSE 7.39, Linux 6.6): then write-only opens skip the page
+    // cache without leaving other opens stale pages.
+    std::atomic<bool> writeOnlyDirect{false};
     HandleTable<Listing> listings;  // the open directories
 };
 

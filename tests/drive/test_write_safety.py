@@ -111,6 +111,27 @@ class WriteSafetyTests:
         self.assertEqual(sorted(os.listdir(self.share)), ["moved", "sub dir"])
         self.assertEqual(self.errors_logged(drive), [])
 
+    def test_a_reader_sees_at_once_what_another_open_writes(self):
+        # A write-only open may bypass the page cache: the pages another
+        # open has cached must not keep the old bytes, nor zeros past the
+        # old end.
+        old = os.urandom(MiB + 100)
+        self.server.put("shared.bin", old)
+        drive = self.mount_share()
+        reader = os.open(drive.path("shared.bin"), os.O_RDONLY)
+        writer = os.open(drive.path("shared.bin"), os.O_WRONLY)
+        try:
+            self.assertEqual(os.pread(reader, 2 * MiB, 0), old)
+            head, tail = os.urandom(4096), os.urandom(300)
+            os.pwrite(writer, head, 4096)
+            os.pwrite(writer, tail, len(old))
+            self.assertEqual(os.pread(reader, 8192, 0), old[:4096] + head)
+            self.assertEqual(os.pread(reader, 1000, len(old) - 100), old[-100:] + tail)
+        finally:
+            os.close(writer)
+            os.close(reader)
+        self.assertEqual(self.server_bytes("shared.bin"), old[:4096] + head + old[8192:] + tail)
+
     def test_names_starting_with_a_dot_behave_like_any_other(self):
         self.server.put(".profile_test", b"original\n")
         self.server.put(".config/app.ini", b"[a]\n")
