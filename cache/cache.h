@@ -229,7 +229,9 @@ protected:
 // starts inside a sector already cached is stored at its place in that
 // sector; a read-only store refuses one that starts inside a sector it lacks
 // or past the bytes it holds of it. A sector left short of both 64 KiB and
-// the end of the file is fetched again before it is read.
+// the end of the file is fetched again before it is read. Pieces may come
+// from any thread, but never two at once: a writable store fills its gaps
+// with its lock held by the thread that called Fetch.
 class IFetch {
 public:
     virtual AERROR Fetch(long long offset, long long length, std::shared_ptr<_FS_HANDLE> handle,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -19,6 +20,23 @@ bool HandleClosed(const _FS_HANDLE& handle) {
     return IsClosedState(std::atomic_ref<int32_t>(const_cast<int32_t&>(handle.state))
                              .load(std::memory_order_relaxed));
 }
+
+// Hands the pieces of a split fetch to the sink one at a time: a store's
+// FetchWrite may not run on two threads at once (a writable store fills its
+// gaps with its lock held by the thread that called Fetch).
+class OneAtATimeSink final : public IFetchCallback {
+  public:
+    explicit OneAtATimeSink(IFetchCallback* sink) : sink_(sink) {}
+
+    AERROR FetchWrite(long long offset, const char* data, long length, long* written) override {
+        std::lock_guard<std::mutex> guard(lock_);
+        return sink_->FetchWrite(offset, data, length, written);
+    }
+
+  private:
+    IFetchCallback* const sink_;
+    std::mutex lock_;
+};
 
 }  // namespace
 
@@ -156,6 +174,7 @@ AERROR HttpFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
     // long before its last piece is in. Small fetches (a random read's) take
     // the next free connection before the next piece.
     const long long piece = PieceLength(length, policy_);
+    OneAtATimeSink serialized(sink);
     const long long pieces = (length + piece - 1) / piece;
     std::atomic<long long> nextPiece{0};
     std::atomic<AERROR> failure{AE_OK};
@@ -163,7 +182,7 @@ AERROR HttpFetcher::Fetch(long long offset, long long length, std::shared_ptr<_F
         for (long long i = nextPiece++; i < pieces && failure.load() == AE_OK; i = nextPiece++) {
             const long long first = offset + i * piece;
             const AERROR result = FetchRange(first, std::min(piece, offset + length - first), size,
-                                             true, *handle, sink);
+                                             true, *handle, &serialized);
             AERROR none = AE_OK;
             if (result != AE_OK) failure.compare_exchange_strong(none, result);
         }

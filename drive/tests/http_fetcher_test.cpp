@@ -31,24 +31,20 @@ std::string RandomBytes(size_t size, unsigned seed) {
     return bytes;
 }
 
-// Keeps what the fetcher delivers and checks the shape of every piece.
+// Keeps what the fetcher delivers and checks the shape of every piece, and
+// that no two pieces arrive at once.
 class RecordingSink final : public IFetchCallback {
   public:
     explicit RecordingSink(long long fileSize)
         : fileSize_(fileSize), bytes_(fileSize, '\0'), filled_(fileSize, false) {}
 
     AERROR FetchWrite(long long offset, const char* data, long length, long* written) override {
-        std::lock_guard<std::mutex> guard(lock_);
-        if (offset % kSector != 0 || (length % kSector != 0 && offset + length != fileSize_)) {
-            ++misshapen_;
-        }
-        for (long i = 0; i < length; ++i) {
-            if (filled_[offset + i]) ++twice_;
-            filled_[offset + i] = true;
-            bytes_[offset + i] = data[i];
-        }
-        if (written != nullptr) *written = length;
-        return AE_OK;
+        if (inside_.exchange(true)) overlapped_ = true;
+        // Long enough that a second thread delivering meanwhile is caught.
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+        const AERROR result = Store(offset, data, length, written);
+        inside_ = false;
+        return result;
     }
 
     // The delivered bytes of [offset, offset + length), or a note of the
@@ -65,10 +61,27 @@ class RecordingSink final : public IFetchCallback {
         return std::count(filled_.begin(), filled_.end(), true);
     }
     int misshapen() { return misshapen_; }
+    bool overlapped() { return overlapped_; }
     int twice() { return twice_; }
 
   private:
+    AERROR Store(long long offset, const char* data, long length, long* written) {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (offset % kSector != 0 || (length % kSector != 0 && offset + length != fileSize_)) {
+            ++misshapen_;
+        }
+        for (long i = 0; i < length; ++i) {
+            if (filled_[offset + i]) ++twice_;
+            filled_[offset + i] = true;
+            bytes_[offset + i] = data[i];
+        }
+        if (written != nullptr) *written = length;
+        return AE_OK;
+    }
+
     const long long fileSize_;
+    std::atomic<bool> inside_{false};
+    std::atomic<bool> overlapped_{false};
     std::mutex lock_;
     std::string bytes_;
     std::vector<bool> filled_;
@@ -131,6 +144,7 @@ TEST(HttpFetcherTest, StreamsTheAskedBytesInWholeSectorPieces) {
     EXPECT_GT(server.Requests().size() - before, 1u);
     EXPECT_EQ(whole.misshapen() + tail.misshapen(), 0);
     EXPECT_EQ(whole.twice(), 0);
+    EXPECT_FALSE(whole.overlapped());
     // The first response's ETag guards every later request.
     EXPECT_EQ(server.Requests().back().headers["if-match"], "\"v1\"");
 }
