@@ -13,6 +13,6 @@ set boxwidth 0.8
 set grid ytics
 set xtics rotate by -60 left noenhanced
 set key off
-set rmargin 10
+set rmargin 16
 plot data using 0:3:xtic(strcol(1)." | ".strcol(2)) with boxes lc rgb "#4472c4", \
      "" using 0:3:(sprintf("%.0f", $3)) with labels offset 0,0.7 font "sans,8"
