@@ -198,10 +198,8 @@ mount_drive() {
         mount.davfs "$url" "$mnt" -o "conf=$work/davfs2.conf" </dev/null >"$work/davfs2.log" 2>&1 ||
             return 1
         ;;
-    passthrough | passthrough-cached)
-        local caching=never
-        [ "$1" = passthrough ] || caching=always
-        "$passthrough" -f -o "source=$share,cache=$caching" "$mnt" 2>"$work/passthrough.log" &
+    passthrough-never | passthrough-always)
+        "$passthrough" -f -o "source=$share,cache=${1#passthrough-}" "$mnt" 2>"$work/passthrough.log" &
         ;;
     esac
     drive_pid=
@@ -325,11 +323,11 @@ curls_at_once_run() {
     x=$(mbps $size "$start")
 }
 page_cache_run() { x=$(dd_mbps "$share/bench.bin"); }
-passthrough_cached_run() { passthrough_run passthrough-cached; }
-# passthrough_run [passthrough-cached]: the second of two reads in one mount.
+# passthrough_run never|always: the second of two reads in one mount with
+# that cache mode.
 passthrough_run() {
     failure="did not mount (see $work/passthrough.log)"
-    mount_drive "${1:-passthrough}" || return 1
+    mount_drive "passthrough-$1" || return 1
     dd_mbps "$mnt/bench.bin" >/dev/null || return 1
     x=$(dd_mbps "$mnt/bench.bin") || return 1
 }
@@ -337,7 +335,7 @@ passthrough_cp_run() {
     rm -rf "$share/in"
     mkdir -p "$share/in/small"
     failure="did not mount (see $work/passthrough.log)"
-    mount_drive passthrough || return 1
+    mount_drive passthrough-never || return 1
     local start
     start=$(now)
     cp "$work/src/small"/f*.bin "$mnt/in/small/" || return 1
@@ -349,13 +347,16 @@ median() { printf '%s\n' "$@" | sort -n | awk '{a[NR]=$1} END {print a[int((NR+1
 rows=()
 plot=$results/drive_peers.dat
 : >"$plot"
-# bound_row PROFILE NAME COLUMN FUNCTION: the median of RUNS runs of FUNCTION.
+# plot_point PROFILE NAME FIGURE: one bar of the plot.
+plot_point() { echo "\"$1\" \"$2\" $3" >>"$plot"; }
+# bound_row PROFILE NAME COLUMN FUNCTION [ARGS...]: the median of RUNS runs of
+# FUNCTION ARGS.
 bound_row() {
     local profile=$1 name=$2 column=$3 run=$4 figures=() cells
     for _ in $(seq "$runs"); do
         failure="failed"
         settle
-        $run || { figures=(); break; }
+        "$run" "${@:5}" || { figures=(); break; }
         figures+=("$x")
     done
     stop_drive
@@ -363,7 +364,7 @@ bound_row() {
         cells="$failure"
     else
         cells=$(median "${figures[@]}")
-        echo "\"$profile\" \"$name\" $cells" >>"$plot"
+        plot_point "$profile" "$name" "$cells"
     fi
     case $column in
     cold) row="| $profile | **$name** | $cells | | | | |" ;;
@@ -383,12 +384,12 @@ for profile in $profiles; do
     if [ "$profile" != loopback ]; then
         row="| $label | **$connections connections x $slow_rate MB/s** | $((connections * slow_rate)) | | | | |"
         rows+=("$row")
-        echo "\"$label\" \"connections x rate\" $((connections * slow_rate))" >>"$plot"
+        plot_point "$label" "connections x rate" $((connections * slow_rate))
         bound_row "$label" "$connections curls at once" cold curls_at_once_run
     fi
     bound_row "$label" "page cache" warm page_cache_run
-    bound_row "$label" "passthrough cached" warm passthrough_cached_run
-    bound_row "$label" "passthrough direct_io" warm passthrough_run
+    bound_row "$label" "passthrough cached" warm passthrough_run always
+    bound_row "$label" "passthrough direct_io" warm passthrough_run never
     if [ "$profile" = loopback ]; then
         bound_row "$label" "curl PUT" close curl_put_run
         bound_row "$label" "curl PUT loop" small curl_put_loop_run
@@ -413,19 +414,21 @@ for profile in $profiles; do
         done
         stop_drive
         if [ -z "$row" ]; then
-            row="| $label | $drive | $(median "${cold[@]}") | $(median "${warm[@]}") |"
-            echo "\"$label\" \"$drive cold\" $(median "${cold[@]}")" >>"$plot"
-            echo "\"$label\" \"$drive warm\" $(median "${warm[@]}")" >>"$plot"
+            cold_median=$(median "${cold[@]}") warm_median=$(median "${warm[@]}")
+            plot_point "$label" "$drive cold" "$cold_median"
+            plot_point "$label" "$drive warm" "$warm_median"
+            row="| $label | $drive | $cold_median | $warm_median |"
             if [ ${#big[@]} -gt 0 ]; then
-                echo "\"$label\" \"$drive write\" $(median "${big[@]}")" >>"$plot"
+                big_median=$(median "${big[@]}") small_median=$(median "${small[@]}")
+                plot_point "$label" "$drive write" "$big_median"
                 # A peer's close returns before its upload: its figure says nothing.
-                closing="(uploads later)"
+                close_median="(uploads later)"
                 if [[ "$drive" == cachedrive* ]]; then
-                    closing=$(median "${closes[@]}")
-                    echo "\"$label\" \"$drive close\" $closing" >>"$plot"
+                    close_median=$(median "${closes[@]}")
+                    plot_point "$label" "$drive close" "$close_median"
                 fi
-                row+=" $(median "${big[@]}") | $closing | $(median "${small[@]}") |"
-                echo "\"$label\" \"$drive small\" $(median "${small[@]}")" >>"$plot"
+                plot_point "$label" "$drive small" "$small_median"
+                row+=" $big_median | $close_median | $small_median |"
             else
                 row+=" | | |"
             fi
